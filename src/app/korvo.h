@@ -1,0 +1,62 @@
+// The owner object of the daemon: it holds every subsystem, brings them up in a fixed
+// order, runs the 1 kHz main loop on the calling (main) thread and shuts them down in
+// reverse order. Members are declared in start-up order so that destruction undoes
+// start-up.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "core/console.h"
+#include "core/mainloop.h"
+#include "core/options.h"
+#include "core/settings.h"
+#include "platform/gpio.h"
+
+namespace korvo {
+
+class Korvo {
+ public:
+  Korvo();
+  ~Korvo();
+  Korvo(const Korvo&) = delete;
+  Korvo& operator=(const Korvo&) = delete;
+
+  // The whole life of the process: start-up, main loop, shutdown. Returns the exit code.
+  int main(int argc, char** argv, char** envp);
+
+  MainLoop& mainLoop() { return loop_; }
+  Configuration& configuration() { return config_; }
+  const Options& options() const { return opt_; }
+  Gpio* gpio() { return gpio_.get(); }
+  const std::string& baseDir() const { return opt_.baseDir; }
+
+  // Runs the reboot command after shutdown (exit code 2) or on a long button press.
+  void rebootMachine();
+  // The front-panel button callback.
+  void buttonClicked(unsigned durationMs);
+
+ private:
+  // Returns -1 to go on with the main loop, or the exit code to leave with.
+  int startUp(int argc, char** argv, char** envp);
+  void runMainLoop();
+  void shutdown();
+  void openLogFile(const std::string& name);
+  void setCurrDir(const char* argv0);
+  ConsoleActions consoleActions();
+
+  Options opt_;
+  std::string currDir_;
+  FILE* logFile_ = nullptr;
+  Configuration config_{settings};
+  std::string boardModel_;
+  unsigned boardSerial_ = 0;
+  std::unique_ptr<Gpio> gpio_;
+  unsigned long startTime_ = 0;
+  bool terminalRaw_ = false;
+  std::unique_ptr<KeyboardConsole> console_;
+  MainLoop loop_;
+};
+
+}  // namespace korvo

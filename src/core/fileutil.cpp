@@ -1,0 +1,120 @@
+#include "core/fileutil.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "core/log.h"
+
+namespace korvo {
+
+namespace {
+
+bool writeAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+std::string dirOf(const std::string& path) {
+  auto pos = path.find_last_of('/');
+  if (pos == std::string::npos) return ".";
+  if (pos == 0) return "/";
+  return path.substr(0, pos);
+}
+
+}  // namespace
+
+int writeFileAtomic(const std::string& path, std::string_view content) {
+  std::string dir = dirOf(path);
+  std::string tmpl = path + ".tmpXXXXXX";
+  int fd = mkstemp(tmpl.data());
+  if (fd < 0) {
+    LOG(LEVEL_ERROR, "cannot create temporary file for %s: %s", path.c_str(), strerror(errno));
+    return -1;
+  }
+  // Keep the permissions of the file being replaced; mkstemp makes it 0600.
+  struct stat st{};
+  fchmod(fd, ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644);
+  bool ok = writeAll(fd, content) && fsync(fd) == 0;
+  int err = errno;
+  if (::close(fd) != 0) ok = false;
+  if (!ok || rename(tmpl.c_str(), path.c_str()) != 0) {
+    if (ok) err = errno;
+    LOG(LEVEL_ERROR, "cannot write %s: %s", path.c_str(), strerror(err));
+    unlink(tmpl.c_str());
+    return -1;
+  }
+  // The rename itself must reach the disk too.
+  int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+  if (dfd >= 0) {
+    fsync(dfd);
+    ::close(dfd);
+  }
+  return 0;
+}
+
+bool readWholeFile(const std::string& path, std::string& out) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (!f) return false;
+  out.clear();
+  char buf[65536];
+  std::size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
+  bool ok = !ferror(f);
+  fclose(f);
+  return ok;
+}
+
+int copyFileAtomic(const std::string& from, const std::string& to) {
+  std::string content;
+  if (!readWholeFile(from, content)) {
+    LOG(LEVEL_ERROR, "cannot read %s: %s", from.c_str(), strerror(errno));
+    return -1;
+  }
+  return writeFileAtomic(to, content);
+}
+
+int updateConfigFile(const char* path, const char* keyPrefix, const char* newLine) {
+  LOG(LEVEL_DEBUG, "opening %s ...", path);
+  std::string old;
+  readWholeFile(path, old);  // a missing file is the same as an empty one
+  std::string out;
+  bool replaced = false;
+  std::size_t pos = 0;
+  while (pos < old.size()) {
+    std::size_t end = old.find('\n', pos);
+    std::string_view line(old.data() + pos, (end == std::string::npos ? old.size() : end) - pos);
+    if (line.starts_with(keyPrefix)) {
+      out.append(newLine).push_back('\n');
+      replaced = true;
+    } else {
+      out.append(line).push_back('\n');
+    }
+    pos = end == std::string::npos ? old.size() : end + 1;
+  }
+  if (!replaced) out.append(newLine).push_back('\n');
+  LOG(LEVEL_DEBUG, "copy %s to %s", "(temporary file)", path);
+  return writeFileAtomic(path, out);
+}
+
+bool fileExists(const std::string& path) {
+  struct stat st{};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat st{};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace korvo

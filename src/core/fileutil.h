@@ -1,0 +1,25 @@
+// Crash-safe file writing. The machine's power is cut at any moment: every file the
+// daemon rewrites goes to a temporary file in the same directory, is flushed with
+// fsync, then renamed over the target, and the directory is synced. A cut leaves
+// either the old or the new file, never an empty or half-written one.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace korvo {
+
+// 0 on success, -1 with an ERROR line (the target is then untouched).
+int writeFileAtomic(const std::string& path, std::string_view content);
+// Copies `from` over `to` atomically. 0 on success, -1 with an ERROR line.
+int copyFileAtomic(const std::string& from, const std::string& to);
+// Reads a whole file; false if it cannot be opened or read.
+bool readWholeFile(const std::string& path, std::string& out);
+// Replaces each line of `path` beginning with `keyPrefix` (case-sensitive) by
+// `newLine`, or appends `newLine` when none matched (or the file did not exist).
+// 0 on success, -1 on failure.
+int updateConfigFile(const char* path, const char* keyPrefix, const char* newLine);
+bool fileExists(const std::string& path);
+bool isDirectory(const std::string& path);
+
+}  // namespace korvo

@@ -1,0 +1,61 @@
+#include "support/testutil.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "core/log.h"
+
+namespace korvo::test {
+
+TempDir::TempDir() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "korvo-test-XXXXXX").string();
+  if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void writeFile(const std::filesystem::path& p, const std::string& content) {
+  if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
+  std::ofstream out(p, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::filesystem::path sourceDir() {
+  const char* dir = getenv("KORVO_SOURCE_DIR");
+  return dir ? std::filesystem::path(dir) : std::filesystem::current_path();
+}
+
+LogCapture::LogCapture(int level) {
+  mem_ = open_memstream(&buf_, &size_);
+  previous_ = Log::instance().logDevice();
+  previousLevel_ = Log::instance().logLevel();
+  Log::instance().setLogDevice(mem_);
+  Log::instance().setLogLevel(level);
+}
+
+LogCapture::~LogCapture() {
+  Log::instance().setLogDevice(previous_);
+  Log::instance().setLogLevel(previousLevel_);
+  fclose(mem_);
+  free(buf_);
+}
+
+std::string LogCapture::text() {
+  fflush(mem_);
+  return std::string(buf_, size_);
+}
+
+}  // namespace korvo::test

@@ -1,0 +1,48 @@
+// Helpers shared by the test binaries: temporary directories, file I/O, log capture.
+#pragma once
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace korvo::test {
+
+// A fresh directory under the system temp dir, removed with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::string str() const { return path_.string(); }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::string readFile(const std::filesystem::path& p);
+void writeFile(const std::filesystem::path& p, const std::string& content);
+// The repository's source tree (tests read html/, sounds/, demo/ from it).
+std::filesystem::path sourceDir();
+
+// Sends every log line into a memory file while alive and restores the previous
+// device after; text() returns what was logged so far.
+class LogCapture {
+ public:
+  explicit LogCapture(int level = 5);
+  ~LogCapture();
+  std::string text();
+  bool contains(const std::string& needle) { return text().find(needle) != std::string::npos; }
+
+ private:
+  FILE* mem_ = nullptr;
+  char* buf_ = nullptr;
+  size_t size_ = 0;
+  FILE* previous_ = nullptr;
+  int previousLevel_ = 0;
+};
+
+}  // namespace korvo::test
