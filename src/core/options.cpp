@@ -55,7 +55,7 @@ ParseResult parseOptions(int argc, char** argv, Options& opt, Settings& s, FILE*
     return {true, 1};
   }
   opterr = 0;  // bad options get our own messages
-  optind = 1;
+  optind = 0;  // glibc: 0 re-initialises getopt fully (parsing may run more than once)
   int c;
   while ((c = getopt(argc, argv, "w:l:f:A:F:C:m:pN:HX:P:R:T:K:sIJadhvc:")) != -1) {
     switch (c) {

@@ -257,7 +257,12 @@ Configuration::Configuration(Settings& s) : settings_(s) {
 
 void Configuration::readSettings(const char* name) {
   ts_ = TransientSettings{};
-  if (readConfig(".", name, settingsMap_)) {
+  // A bare name is read from the working directory.
+  std::string path(name);
+  auto slash = path.find_last_of('/');
+  std::string base = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+  std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (readConfig(base.c_str(), file.c_str(), settingsMap_)) {
     settings_.volume = ts_.volume;
     settings_.soundSet = ts_.soundSet;
     settings_.audioDevice.set(ts_.audioDevice);
