@@ -23,6 +23,8 @@
 
 namespace korvo {
 
+class DirListing;
+
 // true for names not beginning with "." that end, case-sensitively, in ".ogg", ".wav"
 // or ".mp3".
 bool isAudioFileType(std::string_view fileName);
@@ -140,13 +142,24 @@ class SampleIndex {
   // 1 when the file was read (gzip when the name begins with a digit), else 0.
   int loadHashMappingByName(const std::string& dir, const std::string& name);
   int loadHashMapping(const std::string& setDir) { return loadHashMappingByName(setDir, "config.mellosnd"); }
-  void handleLine(std::string_view line);
+  // 1 mapped, 0 comment or empty, -1 malformed (ignored).
+  int handleLine(std::string_view line);
   // PINSOUND only: moves the sound's directory to the type's group. 0 moved or
   // nothing to do, 1 unknown sound or failed copy.
   int moveSoundToGroup(unsigned id, int type);
 
+ // One line of a set configuration file, applied to the values being read (the
+  // fuzzer drives this). 1 when a key was taken, 0 when nothing matched, -1 when a
+  // known key carried an invalid value (WARN line, value ignored).
+  int applySetConfigLine(std::string_view line, const char* fileName);
+
  private:
+  struct PendingConfig;
   void fillSetSamples(SoundSet& set);
+  void scanForSamples(AudioSample& sample, const DirListing& dir);
+  int loadContainer(SoundSet& set);
+  int loadAltSound(SoundSet& set);
+  int applyConfigLine(std::string_view line, const char* fileName, PendingConfig& pending);
   Settings& settings_;
 };
 
