@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Audio.pb-c.h"
+#include "core/fileutil.h"
 #include "core/log.h"
 
 namespace korvo {
@@ -463,6 +464,17 @@ int markChunkAsDeleted(const std::string& container, CompFileChunk& chunk) {
     return -1;
   }
   return 0;
+}
+
+int extractContainerFile(const std::string& container, const CompFileChunk& chunk, const std::string& dest) {
+  FilePtr in(fopen(container.c_str(), "rb"));
+  std::string bytes(chunk.size, '\0');
+  if (!in || fseeko(in.get(), static_cast<off_t>(chunk.offset), SEEK_SET) != 0 ||
+      fread(bytes.data(), 1, bytes.size(), in.get()) != bytes.size()) {
+    LOG(LEVEL_ERROR, "cannot read %u bytes @ %u of '%s'", chunk.size, chunk.offset, container.c_str());
+    return -1;
+  }
+  return writeFileAtomic(dest, bytes);
 }
 
 int writeSamplesToBinary(SampleIndex& index, const std::string& path, bool stripNames) {

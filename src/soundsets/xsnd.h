@@ -77,6 +77,10 @@ std::string remapName(uint32_t id, int index, std::string_view ext);
 // memory. The index is not rewritten. 0, or -1 with "failed to open '%s'".
 int markChunkAsDeleted(const std::string& container, CompFileChunk& chunk);
 
+// Copies the audio bytes of `chunk` out of `container` to `dest` (atomically).
+// 0, or -1 with an ERROR line.
+int extractContainerFile(const std::string& container, const CompFileChunk& chunk, const std::string& dest);
+
 // Writes the loaded set (samplesMap in its iteration order, the gain and ducking
 // tables) to `path` as a new container, atomically (temporary file, fsync, rename).
 // With stripNames the index names each sound by its id and each file "id-n.ext"; the
