@@ -1,0 +1,205 @@
+#include "bus/session_recorder.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "bus/pincom.h"
+#include "core/log.h"
+#include "core/settings.h"
+#include "platform/clock.h"
+
+namespace korvo {
+
+namespace {
+constexpr const char* kHeaderPrefix = "# bus recording v1 protocol=";
+constexpr std::size_t kMaxLine = 256;
+
+// "<ms> 0x<HH>" with optional blanks around; false for anything else.
+bool parseEventLine(const std::string& line, unsigned* ms, uint8_t* byte) {
+  const char* p = line.c_str();
+  while (*p == ' ' || *p == '\t') ++p;
+  if (!std::isdigit(static_cast<unsigned char>(*p))) return false;
+  unsigned long t = 0;
+  while (std::isdigit(static_cast<unsigned char>(*p))) {
+    t = t * 10 + static_cast<unsigned>(*p - '0');
+    if (t > 0xFFFFFFFFul) return false;
+    ++p;
+  }
+  if (*p != ' ' && *p != '\t') return false;
+  while (*p == ' ' || *p == '\t') ++p;
+  if (p[0] != '0' || (p[1] != 'x' && p[1] != 'X')) return false;
+  p += 2;
+  unsigned v = 0;
+  int digits = 0;
+  while (std::isxdigit(static_cast<unsigned char>(*p))) {
+    const char c = static_cast<char>(std::tolower(static_cast<unsigned char>(*p)));
+    v = v * 16 + static_cast<unsigned>(c <= '9' ? c - '0' : c - 'a' + 10);
+    ++digits;
+    ++p;
+  }
+  if (digits < 1 || digits > 2) return false;
+  while (*p == ' ' || *p == '\t' || *p == '\r') ++p;
+  if (*p != '\0') return false;
+  *ms = static_cast<unsigned>(t);
+  *byte = static_cast<uint8_t>(v);
+  return true;
+}
+}  // namespace
+
+SessionRecorder::SessionRecorder(Pincom& pincom) : pincom_(pincom) {}
+
+SessionRecorder::~SessionRecorder() {
+  pincom_.setRecorder(nullptr);
+  stopRecording();
+}
+
+bool SessionRecorder::startRecording(const std::string& path) {
+  stopRecording();
+  FILE* f = std::fopen(path.c_str(), "w");
+  if (!f) {
+    LOG(LEVEL_ERROR, "cannot create recording file '%s': %s", path.c_str(), std::strerror(errno));
+    return false;
+  }
+  std::fprintf(f, "%s%s\n", kHeaderPrefix, protocolName(pincom_.protocol()));
+  std::fflush(f);
+  {
+    std::lock_guard lock(recMutex_);
+    file_ = f;
+    recPath_ = path;
+    pending_.clear();
+    recStart_ = millis();
+    lastFlush_ = recStart_;
+    recording_.store(true);
+  }
+  pincom_.setRecorder(this);
+  LOG(LEVEL_INFO, "recording bus session to %s", path.c_str());
+  return true;
+}
+
+bool SessionRecorder::stopRecording() {
+  std::lock_guard lock(recMutex_);
+  if (!file_) return false;
+  recording_.store(false);
+  flushRecordingLocked();
+  if (std::fclose(file_) != 0) LOG(LEVEL_ERROR, "closing recording file '%s' failed", recPath_.c_str());
+  file_ = nullptr;
+  LOG(LEVEL_INFO, "recording to %s stopped", recPath_.c_str());
+  return true;
+}
+
+std::string SessionRecorder::recordingFile() const {
+  std::lock_guard lock(recMutex_);
+  return recPath_;
+}
+
+void SessionRecorder::recordByte(uint8_t b) {
+  if (!recording_.load(std::memory_order_acquire)) return;
+  std::lock_guard lock(recMutex_);
+  if (!file_) return;
+  pending_.push_back({static_cast<unsigned>(millis() - recStart_), b});
+  recordedSomething_.store(true, std::memory_order_relaxed);
+}
+
+void SessionRecorder::flushRecordingLocked() {
+  if (!file_) return;
+  for (const Event& e : pending_) std::fprintf(file_, "%u 0x%02X\n", e.ms, e.byte);
+  pending_.clear();
+  if (std::fflush(file_) != 0 || std::ferror(file_)) {
+    LOG(LEVEL_ERROR, "writing recording file '%s' failed: %s", recPath_.c_str(), std::strerror(errno));
+    std::clearerr(file_);
+  }
+}
+
+bool SessionRecorder::startPlayback(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    LOG(LEVEL_ERROR, "cannot open recording '%s'", path.c_str());
+    return false;
+  }
+  std::vector<Event> events;
+  std::string line;
+  int lineNo = 0;
+  int skipped = 0;
+  unsigned last = 0;
+  while (std::getline(in, line)) {
+    ++lineNo;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty()) continue;
+    if (line[0] == '#') {
+      if (line.rfind(kHeaderPrefix, 0) == 0) {
+        const std::string name = line.substr(std::strlen(kHeaderPrefix));
+        const int current = pincom_.protocol();
+        if (name != protocolName(current))
+          LOG(LEVEL_WARN, "recording '%s' was made with protocol %s, replaying it as %s", path.c_str(),
+              name.c_str(), protocolName(current));
+      }
+      continue;
+    }
+    unsigned ms = 0;
+    uint8_t byte = 0;
+    if (line.size() > kMaxLine || !parseEventLine(line, &ms, &byte)) {
+      LOG(LEVEL_WARN, "%s:%d: malformed recording line skipped", path.c_str(), lineNo);
+      ++skipped;
+      continue;
+    }
+    // Times never run backwards: an earlier one is delivered right after its predecessor.
+    if (ms < last) ms = last;
+    last = ms;
+    events.push_back({ms, byte});
+  }
+  std::lock_guard lock(playMutex_);
+  playPath_ = path;
+  events_ = std::move(events);
+  next_ = 0;
+  playStart_ = millis();
+  replaying_.store(true);
+  LOG(LEVEL_INFO, "replaying %s: %zu bytes, %d lines skipped", path.c_str(), events_.size(), skipped);
+  return true;
+}
+
+void SessionRecorder::stopPlayback() {
+  std::lock_guard lock(playMutex_);
+  if (!replaying_.load()) return;
+  replaying_.store(false);
+  events_.clear();
+  next_ = 0;
+  LOG(LEVEL_INFO, "replay of %s stopped", playPath_.c_str());
+}
+
+std::size_t SessionRecorder::replayPosition() const {
+  std::lock_guard lock(playMutex_);
+  return next_;
+}
+
+std::size_t SessionRecorder::replayLength() const {
+  std::lock_guard lock(playMutex_);
+  return events_.size();
+}
+
+void SessionRecorder::updatePlayback(unsigned now) {
+  if (recording_.load(std::memory_order_acquire)) {
+    std::lock_guard lock(recMutex_);
+    if (now - lastFlush_ >= kFlushIntervalMs) {
+      lastFlush_ = now;
+      flushRecordingLocked();
+    }
+  }
+  if (!replaying_.load(std::memory_order_acquire)) return;
+
+  std::vector<uint8_t> due;
+  {
+    std::lock_guard lock(playMutex_);
+    const unsigned long elapsed = now > playStart_ ? now - playStart_ : 0;
+    while (next_ < events_.size() && events_[next_].ms <= elapsed) due.push_back(events_[next_++].byte);
+    if (next_ >= events_.size()) {
+      replaying_.store(false);
+      LOG(LEVEL_INFO, "replay of %s finished, %zu bytes delivered", playPath_.c_str(), events_.size());
+    }
+  }
+  // Delivered without the lock: the interrupt routine calls the consumers.
+  for (uint8_t b : due) pincom_.triggerInterrupt(b);
+}
+
+}  // namespace korvo

@@ -1,0 +1,86 @@
+// Recording and replay of the bytes read from the sound bus, so a game session can be
+// replayed against a sound set without the machine.
+//
+// File format (text): first line "# bus recording v1 protocol=<NAME>", then one line per
+// byte "<ms since recording start> 0x<HH>". Lines starting with '#' are comments.
+//
+// Threads: recordByte() runs on the capture's interrupt thread and only appends to a
+// memory buffer (short mutex); the main loop's updatePlayback() writes that buffer to
+// the file once a second and delivers replayed bytes through Pincom::triggerInterrupt
+// on the main thread. start/stop may come from the main thread or the HTTP thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace korvo {
+
+class Pincom;
+
+class SessionRecorder {
+ public:
+  static constexpr unsigned kFlushIntervalMs = 1000;
+
+  explicit SessionRecorder(Pincom& pincom);
+  // Closes a running recording (its bytes are written first).
+  ~SessionRecorder();
+  SessionRecorder(const SessionRecorder&) = delete;
+  SessionRecorder& operator=(const SessionRecorder&) = delete;
+
+  // -R and /recording/start: creates (truncates) `path` and writes the header. A running
+  // recording is closed first. False with an ERROR line when the file cannot be created.
+  bool startRecording(const std::string& path);
+  // Writes what is pending and closes; false when no recording runs.
+  bool stopRecording();
+  bool isRecording() const { return recording_.load(); }
+  // True once anything was recorded since start.
+  bool recordedSomething() const { return recordedSomething_.load(); }
+  std::string recordingFile() const;
+  // The capture's hook: appends one byte with its time.
+  void recordByte(uint8_t b);
+
+  // -P and uploaded recordings: reads the whole file; malformed lines are logged with
+  // their line number and skipped. False (ERROR line) when the file cannot be read.
+  // Replay times count from this call.
+  bool startPlayback(const std::string& path);
+  void stopPlayback();
+  bool isReplaying() const { return replaying_.load(); }
+  // Bytes of the running replay delivered so far / in total.
+  std::size_t replayPosition() const;
+  std::size_t replayLength() const;
+
+  // Main loop: delivers every replayed byte whose time has come, and writes the
+  // recording buffer to its file once a second.
+  void updatePlayback(unsigned now);
+
+ private:
+  struct Event {
+    unsigned ms;
+    uint8_t byte;
+  };
+  void flushRecordingLocked();
+
+  Pincom& pincom_;
+
+  mutable std::mutex recMutex_;  // guards file_, recPath_, pending_, recStart_, lastFlush_
+  FILE* file_ = nullptr;
+  std::string recPath_;
+  std::vector<Event> pending_;
+  unsigned long recStart_ = 0;
+  unsigned long lastFlush_ = 0;
+  std::atomic<bool> recording_{false};
+  std::atomic<bool> recordedSomething_{false};
+
+  mutable std::mutex playMutex_;  // guards the replay fields below
+  std::string playPath_;
+  std::vector<Event> events_;
+  std::size_t next_ = 0;
+  unsigned long playStart_ = 0;
+  std::atomic<bool> replaying_{false};
+};
+
+}  // namespace korvo
