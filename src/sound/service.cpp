@@ -1,0 +1,157 @@
+// The request ring and the sound service thread "SndService".
+#include "sound/service.h"
+
+#include <chrono>
+
+#include "core/log.h"
+#include "sound/sdl_sound.h"
+
+namespace korvo {
+
+const char* const serviceTypeNames[kServiceTypeCount] = {
+    "DONE",           "CHANNEL_FINISHED", "MUSIC_FINISHED", "MUSIC_STARTING",     "SET_VOLUME",
+    "SWITCH_SOUNDSET", "HANDLE_SND_CMD",   "STOP_ALL",       "TERM_SERVICE_THREAD",
+};
+
+const char* serviceTypeName(int type) {
+  return type >= 0 && type < kServiceTypeCount ? serviceTypeNames[type] : "?";
+}
+
+// ---- ring ----
+
+SoundServiceRequest RequestRing::buildRequest(ServiceType type) {
+  SoundServiceRequest req;
+  req.type = type;
+  req.requestId = requestId_.fetch_add(1, std::memory_order_relaxed);
+  return req;
+}
+
+void RequestRing::queuePut(const SoundServiceRequest& req) {
+  {
+    std::lock_guard lk(queueMutex_);
+    LOG(LEVEL_TRACE, "put req to queue: reqId: %d, type: %s, id: %d", req.requestId, serviceTypeName(req.type),
+        req.id);
+    if (testIOonly_.load(std::memory_order_relaxed)) return;
+    if (!queue_.queuePut__(req)) {
+      // The 40th pending request: the ring wraps onto itself and reads as empty.
+      const std::size_t lost = queue_.count() + 1;
+      SoundServiceRequest drop;
+      while (queue_.queueGet__(drop)) {
+      }
+      LOG(LEVEL_WARN, "sound request ring overrun, %zu requests lost", lost);
+      return;
+    }
+  }
+  queueCond_.notify_one();
+}
+
+int RequestRing::queueGet(SoundServiceRequest* req, int timeoutInMicros) {
+  std::unique_lock lk(queueMutex_);
+  bool got = queue_.queueGet__(*req);
+  if (!got) {
+    if (timeoutInMicros < 0)
+      queueCond_.wait(lk);
+    else
+      queueCond_.wait_for(lk, std::chrono::microseconds(timeoutInMicros));
+    got = queue_.queueGet__(*req);
+  }
+  if (!got) return 0;
+  LOG(LEVEL_TRACE, "get req from queue: reqId: %d, type: %s, id: %d", req->requestId, serviceTypeName(req->type),
+      req->id);
+  return 1;
+}
+
+int RequestRing::queueIsEmpty() const {
+  std::lock_guard lk(queueMutex_);
+  return queue_.empty() ? 1 : 0;
+}
+
+int RequestRing::pending() const {
+  std::lock_guard lk(queueMutex_);
+  return static_cast<int>(queue_.count());
+}
+
+// ---- service thread ----
+
+void SoundEngine::startSoundServiceThread() {
+  if (serviceThread_.joinable()) return;
+  try {
+    serviceThread_ = std::thread([this] { soundServiceHandler(); });
+    LOG(LEVEL_INFO, "start sound service thread");
+  } catch (const std::system_error& e) {
+    LOG(LEVEL_ERROR, "Starting sound service thread failed: %d", e.code().value());
+  }
+}
+
+void SoundEngine::stopSoundServiceThread() {
+  if (!serviceThread_.joinable()) return;
+  ring_.queuePut(ring_.buildRequest(TERM_SERVICE_THREAD));
+  serviceThread_.join();
+}
+
+void SoundEngine::soundServiceHandler() {
+  setThreadName("SndService");
+  SoundServiceRequest req;
+  for (;;) {
+    if (ring_.queueGet(&req, 1000000) != 1) continue;
+    if (req.type == TERM_SERVICE_THREAD) {
+      LOG(LEVEL_INFO, "end sound service thread");
+      return;
+    }
+    try {
+      doSoundService(req);
+    } catch (const std::exception& e) {
+      // One bad request must not end the thread that serves every later one.
+      LOG(LEVEL_ERROR, "sound service request %s failed: %s", serviceTypeName(req.type), e.what());
+    }
+  }
+}
+
+void SoundEngine::doSoundService(const SoundServiceRequest& req) {
+  switch (req.type) {
+    case CHANNEL_FINISHED: {
+      Lock lk(mutex_);
+      channelFinishedLocked(req);
+      break;
+    }
+    case MUSIC_FINISHED: {
+      // The hook could not call into Lua from the audio thread; tell it now what plays.
+      if (settings_.luaEnabled && hooks_.setLuaGlobal) {
+        Lock lk(mutex_);
+        hooks_.setLuaGlobal("musicPlayingId", musicIdPlaying_.load());
+      }
+      break;
+    }
+    case SET_VOLUME:
+      setVolume(req.volume);
+      break;
+    case SWITCH_SOUNDSET:
+      cycleSoundSet(req.id);
+      break;
+    case HANDLE_SND_CMD:
+      // A queued command plays at the sample's own volume: the override is not used.
+      handleSoundByType(req.id);
+      break;
+    case STOP_ALL: {
+      Lock lk(mutex_);
+      stopAllSamplesLocked();
+      stopMusicLocked();
+      break;
+    }
+    default:
+      break;  // DONE, MUSIC_STARTING, unknown values
+  }
+}
+
+void SoundEngine::channelFinishedLocked(const SoundServiceRequest& req) {
+  const int ch = req.channelNumber;
+  if (ch < 0 || ch >= kMixChannels) return;
+  // A report for an older play of this channel leaves the new play alone.
+  const bool current = channelGen_[ch].load(std::memory_order_acquire) == req.generation;
+  AudioSample* s = getSampleForId(req.id);
+  if (current && s && s->isplayingonchannel == ch) s->isplayingonchannel = AudioSample::kNotPlaying;
+  doCheckDucking(ch);
+  if (current && s && !index_.duckingIsActive && s->type == JINGLE) resumeMusicLocked(300);
+}
+
+}  // namespace korvo
