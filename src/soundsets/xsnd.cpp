@@ -651,7 +651,13 @@ int readSamplesFromBinary(SampleIndex& index, const std::string& path) {
   std::vector<unsigned char> meta(metaSize);
   bool ended = false;
   std::size_t produced = inflateInto(compressed.data(), got, meta.data(), meta.size(), ended);
-  if (!ended || produced != metaSize) {
+  if (!ended) {
+    // A stream that does not end (cut short, damaged, checksum wrong) is not an index
+    // to trust, even when a prefix of it would decode.
+    LOG(LEVEL_ERROR, "meta data of %s is truncated or corrupt", path.c_str());
+    return -1;
+  }
+  if (produced != metaSize) {
     LOG(LEVEL_WARN, "expected uncompressed size does not match: %u != %u", static_cast<unsigned>(produced), metaSize);
   }
   ::SoundSet* set = sound_set__unpack(nullptr, produced, meta.data());
