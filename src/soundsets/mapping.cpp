@@ -28,6 +28,8 @@ void SampleIndex::initHashesMap() { hashesMap.clear(); }
 int SampleIndex::handleLine(std::string_view line) {
   if (line.empty()) return 0;
   if (line.front() == '#') return 0;
+  // The set's "config.mellosnd" holds its configuration keys beside the mapping.
+  if (line.find('=') != std::string_view::npos) return 0;
   std::string copy(line.substr(0, kMappingLineMax));
   unsigned realId = 0;
   unsigned scrambled = 0;

@@ -142,7 +142,7 @@ class SampleIndex {
   // 1 when the file was read (gzip when the name begins with a digit), else 0.
   int loadHashMappingByName(const std::string& dir, const std::string& name);
   int loadHashMapping(const std::string& setDir) { return loadHashMappingByName(setDir, "config.mellosnd"); }
-  // 1 mapped, 0 comment or empty, -1 malformed (ignored).
+  // 1 mapped, 0 comment, empty or key=value line, -1 malformed (ignored).
   int handleLine(std::string_view line);
   // PINSOUND only: moves the sound's directory to the type's group. 0 moved or
   // nothing to do, 1 unknown sound or failed copy.

@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "set_fixture.h"
+#include "soundsets/catalogue.h"
+
+namespace korvo {
+namespace {
+
+using test::LogCapture;
+using test::TempDir;
+using test::writeFile;
+namespace fs = std::filesystem;
+
+// Directory order is the file system's; the tests compare with a plain listing.
+std::vector<std::string> listing(const fs::path& dir) {
+  std::vector<std::string> names;
+  for (auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
+  return names;
+}
+
+TEST(Catalogue, FindsSetsByTypeInDirectoryOrder) {
+  TempDir base;
+  writeFile(base / "a.xsnd", "x");
+  writeFile(base / ".hidden.xsnd", "x");
+  writeFile(base / "c.XSND", "x");
+  fs::create_directories(base / "b" / "music");
+  fs::create_directories(base / "both" / "music");
+  writeFile(base / "both" / "altsound.csv", "ID,CHANNEL\n");
+  fs::create_directories(base / "notaset" / "sfx");
+  fs::create_directories(base / ".trash" / "music");
+  writeFile(base / "readme.txt", "x");
+
+  SoundSetCatalogue cat;
+  cat.searchSoundSets(base.str());
+  ASSERT_EQ(cat.maxSoundSets, 3);
+  std::vector<std::string> expectedOrder;
+  for (auto& n : listing(base.path()))
+    if (n == "a.xsnd" || n == "b" || n == "both") expectedOrder.push_back(n);
+  for (int i = 1; i <= 3; ++i) {
+    const SoundSet* s = cat.get(i);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->name, expectedOrder[static_cast<std::size_t>(i - 1)]);
+    EXPECT_EQ(s->basedir, base.str() + "/" + s->name);
+    EXPECT_EQ(s->type, s->name == "a.xsnd" ? XSNDFILE : s->name == "b" ? PINSOUND : ALTSOUND);
+  }
+  EXPECT_FALSE(cat.isValidSoundSetIndex(0));
+  EXPECT_FALSE(cat.isValidSoundSetIndex(4));
+  EXPECT_EQ(cat.get(0), nullptr);
+  EXPECT_EQ(cat.clampIndex(7), 3);
+  EXPECT_EQ(cat.clampIndex(-2), 1);
+}
+
+TEST(Catalogue, AtMostTenAndUnreadableBase) {
+  TempDir base;
+  for (int i = 0; i < 11; ++i) fs::create_directories(base / ("set" + std::to_string(i)) / "music");
+  SoundSetCatalogue cat;
+  cat.searchSoundSets(base.str());
+  EXPECT_EQ(cat.maxSoundSets, 10);
+
+  LogCapture cap;
+  cat.searchSoundSets(base.str() + "/vanished");
+  EXPECT_EQ(cat.maxSoundSets, 0);
+  EXPECT_TRUE(cap.contains("failed open dir " + base.str() + "/vanished"));
+  EXPECT_EQ(cat.clampIndex(3), 1);
+}
+
+TEST(Catalogue, RemoveByType) {
+  TempDir base;
+  fs::create_directories(base / "pin" / "music" / "1-a");
+  writeFile(base / "pin" / "music" / "1-a" / "a.ogg", "x");
+  writeFile(base / "box.xsnd", "x");
+  fs::create_directories(base / "alt");
+  writeFile(base / "alt" / "altsound.csv", "ID\n");
+  SoundSetCatalogue cat;
+  std::vector<int> switched;
+  cat.switchToSoundSet = [&](int n) { switched.push_back(n); };
+  cat.searchSoundSets(base.str());
+  ASSERT_EQ(cat.maxSoundSets, 3);
+  auto numberOf = [&](const std::string& name) {
+    for (int i = 1; i <= cat.maxSoundSets; ++i)
+      if (cat.get(i)->name == name) return i;
+    return 0;
+  };
+
+  EXPECT_EQ(cat.removeSoundSet(0, base.str()), 1);
+  EXPECT_EQ(cat.removeSoundSet(4, base.str()), 1);
+  EXPECT_TRUE(switched.empty());
+
+  EXPECT_EQ(cat.removeSoundSet(numberOf("alt"), base.str()), 0);
+  EXPECT_TRUE(fs::exists(base / "alt" / "altsound.csv"));
+  EXPECT_EQ(cat.maxSoundSets, 2);
+  EXPECT_EQ(numberOf("alt"), 0);
+  EXPECT_NE(cat.get(2), nullptr);  // renumbered without a gap
+
+  EXPECT_EQ(cat.removeSoundSet(numberOf("box.xsnd"), base.str()), 0);
+  EXPECT_FALSE(fs::exists(base / "box.xsnd"));
+  EXPECT_EQ(cat.removeSoundSet(numberOf("pin"), base.str()), 0);
+  EXPECT_FALSE(fs::exists(base / "pin"));
+  EXPECT_EQ(switched, (std::vector<int>{1, 1, 1}));
+}
+
+TEST(Catalogue, RemoveDoesNotFollowALinkedSet) {
+  TempDir base;
+  TempDir elsewhere;
+  fs::create_directories(elsewhere / "music" / "1-a");
+  writeFile(elsewhere / "music" / "1-a" / "a.ogg", "keep");
+  fs::create_directory_symlink(elsewhere.path(), base / "linked");
+  SoundSetCatalogue cat;
+  cat.searchSoundSets(base.str());
+  ASSERT_EQ(cat.maxSoundSets, 1);
+  EXPECT_EQ(cat.removeSoundSet(1, base.str()), 0);
+  EXPECT_FALSE(fs::exists(base / "linked"));
+  EXPECT_TRUE(fs::exists(elsewhere / "music" / "1-a" / "a.ogg"));
+}
+
+TEST(IdMapping, Lines) {
+  Settings s;
+  SampleIndex idx(s);
+  EXPECT_EQ(idx.handleLine("1F 900123"), 1);
+  EXPECT_EQ(idx.handleLine("# 1F 900124"), 0);
+  EXPECT_EQ(idx.handleLine("1F"), -1);
+  EXPECT_EQ(idx.handleLine("zz 900125"), -1);
+  EXPECT_EQ(idx.handleLine("gain_music=10"), 0);
+  EXPECT_EQ(idx.handleLine("20 900123"), 1);  // a later line replaces
+  ASSERT_NE(idx.hashesMap.mapGet1(900123), nullptr);
+  EXPECT_EQ(*idx.hashesMap.mapGet1(900123), 0x20u);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
+}
+
+TEST(IdMapping, FilesPlainAndGzip) {
+  TempDir dir;
+  Settings s;
+  SampleIndex idx(s);
+  writeFile(dir / "config.mellosnd", "1F 900123\r\njunk line\r\n\r\n#2 3\r\n2a 900124");
+  LogCapture cap;
+  EXPECT_EQ(idx.loadHashMapping(dir.str()), 1);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 2);
+  EXPECT_EQ(*idx.hashesMap.mapGet1(900124), 0x2Au);
+  EXPECT_TRUE(cap.contains("line 2 is not a mapping, ignored"));
+  EXPECT_TRUE(cap.contains("loaded 2 hashes"));
+
+  test::writeGzip(dir / "4711.mellosnd", "0a 1\n0b 2\n");
+  EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "4711.mellosnd"), 1);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 2);  // the previous mapping is gone
+  EXPECT_EQ(*idx.hashesMap.mapGet1(2), 0x0Bu);
+
+  // A file named by a number that is not gzip is still read; a damaged stream keeps
+  // what was read before the damage.
+  writeFile(dir / "5.mellosnd", "0c 3\n");
+  EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "5.mellosnd"), 1);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
+
+  EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "none.mellosnd"), 0);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 0);
+  EXPECT_TRUE(cap.contains("no hashes found in '" + dir.str() + "/none.mellosnd'"));
+}
+
+TEST(IdMapping, DamagedGzipIsRefusedCalmly) {
+  TempDir dir;
+  Settings s;
+  SampleIndex idx(s);
+  test::writeGzip(dir / "6.mellosnd", std::string(5000, '\n') + "0d 4\n");
+  std::string bytes = test::readFile(dir / "6.mellosnd");
+  bytes.resize(bytes.size() / 2);
+  bytes[bytes.size() - 1] ^= 0x55;
+  writeFile(dir / "6.mellosnd", bytes);
+  LogCapture cap;
+  EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "6.mellosnd"), 1);
+  EXPECT_EQ(idx.hashesMap.mapSize(), 0);
+}
+
+TEST(MoveSound, RefusesWhatWouldLoseOrMisplaceData) {
+  test::SetFixture f;
+  f.sound("sfx/1-a");
+  f.sound("voice/1-a", {"other.ogg"});  // the target already exists
+  f.sound("jingle/2-b");
+  ASSERT_EQ(f.load(), 0);
+  AudioSample* s = f.idx.getSampleForId(1);
+  AudioType before = s->type;
+  EXPECT_EQ(f.idx.moveSoundToGroup(1, before == VOICE ? SFX : VOICE), 1);
+  EXPECT_EQ(s->type, before);
+  EXPECT_TRUE(fs::exists(f.dir("sfx/1-a/a.ogg")));
+  EXPECT_TRUE(fs::exists(f.dir("voice/1-a/other.ogg")));
+
+  EXPECT_EQ(f.idx.moveSoundToGroup(2, SYSTEM), 1);
+  EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
+  EXPECT_EQ(f.idx.moveSoundToGroup(2, JINGLE), 0);  // unchanged: nothing to do
+  EXPECT_EQ(f.idx.moveSoundToGroup(3, JINGLE), 1);
+
+  f.idx.setType = XSNDFILE;
+  EXPECT_EQ(f.idx.moveSoundToGroup(2, MUSIC), 0);
+  EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
+}
+
+TEST(MoveSound, BasePathHoldingATypeWord) {
+  test::TempDir tmp;
+  Settings s;
+  SampleIndex idx(s);
+  SoundSet set;
+  set.basedir = (tmp / "music" / "sfx-pack").string();
+  test::writeFile(fs::path(set.basedir) / "sfx" / "3-c" / "a.ogg", "x");
+  fs::create_directories(fs::path(set.basedir) / "music");
+  ASSERT_EQ(idx.initSamples(set, 0), 0);
+  ASSERT_EQ(idx.moveSoundToGroup(3, MUSIC), 0);
+  EXPECT_TRUE(fs::exists(fs::path(set.basedir) / "music" / "3-c" / "a.ogg"));
+  EXPECT_EQ(idx.getSampleForId(3)->basepath, set.basedir + "/music/3-c");
+}
+
+}  // namespace
+}  // namespace korvo

@@ -1,0 +1,241 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "set_fixture.h"
+
+namespace korvo {
+namespace {
+
+using test::LogCapture;
+using test::SetFixture;
+
+TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
+  SetFixture f;
+  f.sound("music/0x1F-Theme");
+  f.sound("sfx/32-Boom loud");     // the name ends at the first blank
+  f.sound("sfx/12-");              // no name: skipped
+  f.sound("sfx/13");               // no "-": skipped
+  f.sound("sfx/4294967295-Max");   // all ones is not an id
+  f.sound("sfx/Foo-1");            // no id
+  f.sound("Music/40-Wrong");       // type directories are matched exactly
+  f.sound("system/41-NotScanned");
+  f.sound("voice/0x2a-Hello");
+  ASSERT_EQ(f.load(), 0);
+
+  EXPECT_EQ(f.idx.samplesMap.mapSize(), 3);
+  AudioSample* theme = f.idx.getSampleForId(31);
+  ASSERT_NE(theme, nullptr);
+  EXPECT_EQ(theme->name, "Theme");
+  EXPECT_EQ(theme->type, MUSIC);
+  EXPECT_EQ(theme->magic, 0u);
+  EXPECT_EQ(theme->basepath, f.dir("music/0x1F-Theme").string());
+  EXPECT_EQ(theme->isplayingonchannel, -1);
+  ASSERT_NE(f.idx.getSampleForId(32), nullptr);
+  EXPECT_EQ(f.idx.getSampleForId(32)->name, "Boom");
+  EXPECT_EQ(f.idx.getSampleForId(42)->type, VOICE);
+  EXPECT_EQ(f.idx.hashOfAllIds, 31u + 32u + 42u);
+  EXPECT_EQ(f.idx.scrambledIds, 0);
+  // The set lists exactly the map's records, in the map's order.
+  ASSERT_EQ(f.set.samples.size(), 3u);
+  auto keys = f.idx.samplesMap.keys();
+  for (std::size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(f.set.samples[i]->id, keys[i]);
+}
+
+TEST(PinsoundScan, AudioFilesAndSmallFiles) {
+  SetFixture f;
+  f.s.preloadThreshold = 150;
+  f.sound("sfx/1-Files", {"._01.ogg", "01.OGG", "01.flac", "b.wav", "c.mp3"}, 200);
+  f.sound("sfx/2-Serial", {});
+  f.file("sfx/2-Serial/SERIAL.txt", "S1 S2 \t\r\nsecond line\n");
+  f.sound("sfx/3-Empty", {"notes.txt"});
+  std::vector<std::string> eleven;
+  for (int i = 0; i < 11; ++i) eleven.push_back(std::string(1, static_cast<char>('a' + i)) + ".ogg");
+  f.sound("sfx/4-Many", eleven, 10);
+  f.file("sfx/4-Many/dontpreload", "");
+  f.sound("jingle/5-Tuned", {"a.ogg"}, 100);
+  f.file("jingle/5-Tuned/Gain.TXT", " 10\n");
+  f.file("jingle/5-Tuned/ducking.txt", "40");
+  f.file("jingle/5-Tuned/shaker.TXT", "100, 50;100 x\nignored 7\n");
+
+  LogCapture cap;
+  ASSERT_EQ(f.load(), 0);
+  EXPECT_TRUE(cap.contains("Found sound directory, but no sound file: " + f.dir("sfx/3-Empty").string()));
+  EXPECT_EQ(f.idx.getSampleForId(3), nullptr);
+
+  AudioSample* files = f.idx.getSampleForId(1);
+  ASSERT_NE(files, nullptr);
+  ASSERT_EQ(files->samples.size(), 2u);  // b.wav and c.mp3 only
+  EXPECT_EQ(files->chunk.size(), files->samples.size());
+  EXPECT_EQ(files->size, 200u);
+  EXPECT_TRUE(files->preload);  // larger than the threshold
+  EXPECT_EQ(files->gain, 50u);
+  EXPECT_TRUE(files->gaindefault);
+  EXPECT_EQ(files->ducking, 80u);  // the sfx default
+  EXPECT_TRUE(files->duckingdefault);
+
+  AudioSample* serial = f.idx.getSampleForId(2);
+  ASSERT_NE(serial, nullptr);
+  EXPECT_TRUE(serial->samples.empty());
+  EXPECT_EQ(serial->serialcmd, "S1 S2");
+
+  AudioSample* many = f.idx.getSampleForId(4);
+  ASSERT_NE(many, nullptr);
+  EXPECT_EQ(many->samples.size(), 10u);
+  EXPECT_FALSE(many->preload);
+
+  AudioSample* tuned = f.idx.getSampleForId(5);
+  ASSERT_NE(tuned, nullptr);
+  EXPECT_EQ(tuned->gain, 33u);
+  EXPECT_FALSE(tuned->gaindefault);
+  EXPECT_EQ(tuned->ducking, 40u);
+  EXPECT_FALSE(tuned->duckingdefault);
+  EXPECT_FALSE(tuned->preload);  // not above the threshold
+  EXPECT_EQ(tuned->shakersequence, (std::vector<uint32_t>{100, 50, 100, 0}));
+}
+
+TEST(PinsoundScan, GainFileScaleAndBadContent) {
+  SetFixture f;
+  const std::pair<const char*, unsigned> cases[] = {{"30", 100}, {"45", 100}, {"-3", 0}, {"15", 50}, {"0", 0}};
+  unsigned id = 1;
+  for (auto [text, expected] : cases) {
+    std::string rel = "sfx/" + std::to_string(id) + "-g";
+    f.sound(rel);
+    f.file(rel + "/gain.txt", text);
+    ++id;
+  }
+  f.sound("sfx/10-text");
+  f.file("sfx/10-text/gain.txt", "loud");
+  f.sound("sfx/11-huge");
+  f.file("sfx/11-huge/gain.txt", "99999999999999");
+  LogCapture cap;
+  ASSERT_EQ(f.load(), 0);
+  id = 1;
+  for (auto [text, expected] : cases) EXPECT_EQ(f.idx.getSampleForId(id++)->gain, expected) << text;
+  AudioSample* t = f.idx.getSampleForId(10);
+  EXPECT_EQ(t->gain, 50u);
+  EXPECT_FALSE(t->gaindefault);  // the file is there, its content is not a number
+  EXPECT_TRUE(cap.contains("no number in " + f.dir("sfx/10-text/gain.txt").string()));
+  EXPECT_EQ(f.idx.getSampleForId(11)->gain, 100u);
+}
+
+TEST(PinsoundScan, TypeDirectoryGainAndSerial) {
+  SetFixture f;
+  f.idx.gainByType[SFX] = 80;
+  f.sound("sfx/1-a");
+  f.file("sfx/serial.txt", "T1\n");
+  f.sound("voice/2-b");
+  f.file("voice/GAIN.txt", "10");
+  ASSERT_EQ(f.load(), 0);
+  EXPECT_EQ(f.idx.gainByType[SFX], 80);  // no file: the old value survives the 0..30 round trip
+  EXPECT_EQ(f.idx.gainByType[VOICE], 33);
+  EXPECT_EQ(f.idx.serialCmdByType[SFX], "T1");
+  EXPECT_EQ(f.idx.serialCmdByType[VOICE], "");
+}
+
+TEST(PinsoundScan, NumberedFileReidsTheSound) {
+  SetFixture f;
+  f.sound("sfx/12-boom", {"200-boom.ogg"});
+  f.sound("sfx/13-plain", {"01.ogg"});
+  ASSERT_EQ(f.load(), 0);
+  EXPECT_EQ(f.idx.getSampleForId(12), nullptr);
+  AudioSample* s = f.idx.getSampleForId(200);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->magic, 12u);
+  EXPECT_EQ(f.idx.haveFilenameNumbers, 1);
+  EXPECT_EQ(f.idx.hashOfAllIds, 25u);  // directory ids, not file numbers
+  ASSERT_NE(f.idx.getSampleForId(13), nullptr);
+}
+
+TEST(PinsoundScan, DuplicateIdsLaterWins) {
+  SetFixture f;
+  f.sound("sfx/7-first");
+  f.sound("voice/0x7-second");
+  ASSERT_EQ(f.load(), 0);
+  EXPECT_EQ(f.idx.samplesMap.mapSize(), 1);
+  EXPECT_EQ(f.set.samples.size(), 1u);
+}
+
+TEST(PinsoundScan, MissingBaseDirectoryGivesEmptySet) {
+  SetFixture f;
+  f.sound("sfx/1-a");
+  ASSERT_EQ(f.load(), 0);
+  ASSERT_EQ(f.set.samples.size(), 1u);
+  std::filesystem::remove_all(f.set.basedir);
+  EXPECT_EQ(f.load(), 0);
+  EXPECT_EQ(f.idx.samplesMap.mapSize(), 0);
+  EXPECT_TRUE(f.set.samples.empty());
+}
+
+TEST(PinsoundScrambled, NoMappingFailsWithResultOne) {
+  SetFixture f;
+  f.sound("sfx/900001-x");
+  LogCapture cap;
+  EXPECT_EQ(f.load(), 1);
+  EXPECT_TRUE(cap.contains("looks like a scrambled soundset is used, but no mapping provided"));
+  EXPECT_EQ(f.idx.scrambledIds, 1);
+}
+
+TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopiedWithJ) {
+  SetFixture f;
+  f.sound("sfx/900123-x");
+  f.sound("sfx/900124-y");
+  f.sound("music/5-unmapped");
+  f.file("config.mellosnd", "# mapping\n1F 900123\n20 900124\nvendor=3\n");
+  LogCapture cap;
+  ASSERT_EQ(f.load(1), 0);
+  AudioSample* s = f.idx.getSampleForId(31);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->magic, 900123u);
+  ASSERT_NE(f.idx.getSampleForId(0x20), nullptr);
+  EXPECT_EQ(f.idx.hashingIsUsed, 1);
+  EXPECT_TRUE(cap.contains("unmapped sample 0000000005"));
+  uint32_t hash = 900123u + 900124u + 5u;
+  EXPECT_EQ(f.idx.hashOfAllIds, hash);
+  auto copied = f.tmp / "configs" / (std::to_string(hash) + ".mellosnd");
+  EXPECT_TRUE(std::filesystem::exists(copied));
+  EXPECT_EQ(f.idx.configFileToWrite, "config.mellosnd");
+
+  // The same set elsewhere without its mapping file finds the copy by the id hash;
+  // its edits then go to a configuration file of its own.
+  std::filesystem::remove(f.dir("config.mellosnd"));
+  SampleIndex again(f.s);
+  again.configsDir = f.idx.configsDir;
+  ASSERT_EQ(again.initSamples(f.set, 0), 0);
+  ASSERT_NE(again.getSampleForId(31), nullptr);
+  EXPECT_EQ(again.getSampleForId(31)->magic, 900123u);
+  EXPECT_EQ(again.configFileToWrite, "config.ini");
+}
+
+TEST(PinsoundScrambled, SharedMappingIsGzipAndNumberedFilesSkipIt) {
+  SetFixture f;
+  f.sound("sfx/900200-x");
+  test::writeGzip(f.tmp / "configs" / "900200.mellosnd", "2A 900200\r\n");
+  ASSERT_EQ(f.load(), 0);
+  ASSERT_NE(f.idx.getSampleForId(42), nullptr);
+
+  // A set whose files carry their ids needs no mapping.
+  SetFixture g;
+  g.sound("sfx/900300-x", {"77-x.ogg"});
+  EXPECT_EQ(g.load(), 0);
+  EXPECT_NE(g.idx.getSampleForId(77), nullptr);
+}
+
+TEST(PinsoundModel, TypesAndRecords) {
+  EXPECT_EQ(getAudioTypeForString("jingle"), JINGLE);
+  EXPECT_EQ(getAudioTypeForString("Jingle"), UNKNOWN);
+  EXPECT_EQ(getAudioTypeForString(""), UNKNOWN);
+  EXPECT_STREQ(audioTypeName(99), "unknown");
+  EXPECT_TRUE(isAudioFileType("x.mp3"));
+  EXPECT_FALSE(isAudioFileType(".x.mp3"));
+  EXPECT_FALSE(isAudioFileType("x.Mp3"));
+  SoundSet set;
+  set.type = XSNDFILE;
+  EXPECT_TRUE(isComposite(&set));
+  set.type = ZIPFILE;
+  EXPECT_FALSE(isComposite(&set));
+  EXPECT_FALSE(isComposite(nullptr));
+}
+
+}  // namespace
+}  // namespace korvo
