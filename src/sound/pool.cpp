@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/fileutil.h"
 #include "core/log.h"
 #include "core/stringutil.h"
 #include "platform/clock.h"
@@ -240,9 +241,11 @@ int SoundEngine::switchToSoundSetLocked(Lock& lk, int set) {
     return 1;
   }
   LOG(LEVEL_INFO, "switch to soundset: %d", set);
+  const int rc = loadSoundSetLocked(lk, target, set);
+  if (rc == 2) return 1;  // nothing changed: the old set still plays
   settings_.soundSet.store(set);
   if (hooks_.writeSettings) hooks_.writeSettings();
-  return loadSoundSetLocked(lk, target, set) == 0 ? 0 : 1;
+  return rc == 0 ? 0 : 1;
 }
 
 void SoundEngine::cycleSoundSet(int n) {
@@ -283,9 +286,13 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
     LOG(LEVEL_ERROR, "no soundset %d to load", number);
     return 1;
   }
+  if (!isDirectory(set->basedir) && !fileExists(set->basedir)) {
+    LOG(LEVEL_ERROR, "soundset %d '%s' is gone: %s", number, set->name.c_str(), set->basedir.c_str());
+    return 2;
+  }
   if (loadingSoundSet_.exchange(1)) {
     LOG(LEVEL_WARN, "soundset %d not loaded: another set is loading", number);
-    return 1;
+    return 2;
   }
   stopAllSamplesLocked();
   haltMusicStream();
@@ -304,6 +311,8 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
     playSystemSoundLocked(&lk, "config-missing.ogg", 1);
     return 1;
   }
+  // A set without configuration keeps the type tables: ducking follows them too.
+  index_.setupDuckingConfig();
   int preloads = 0;
   for (auto& node : index_.samplesMap) {
     AudioSample* s = node.value.get();

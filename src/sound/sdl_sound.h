@@ -192,7 +192,9 @@ class SoundEngine {
   int switchToSoundSet(int set);
   void cycleSoundSet(int n);
   // Frees the previous set and loads `set` (catalogue number `number`): index, type
-  // gains and ducking from its configuration, preloads, prompts. 0 ok, 1 failed.
+  // gains and ducking from its configuration, preloads, prompts. 0 ok; 1 failed after
+  // the previous set was freed; 2 refused with nothing changed (the set's files are
+  // gone, or another load is running).
   int loadSoundSet(SoundSet* set, int number);
   // Start-up: scans `baseDir` for sets. With none: "no-soundset.ogg", "NO SOUND FOUND"
   // on the display, "please-install-sound.ogg" and an empty index. Otherwise INFO

@@ -1,0 +1,168 @@
+// Shared set-up of the sound engine tests: WAV files of known level, PINSOUND sets in
+// a temporary base directory, an engine on SDL's disk driver whose captured output
+// (raw S16LE stereo) is read back, and onset frames recorded by the frame counter.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/log.h"
+#include "core/settings.h"
+#include "core/stringutil.h"
+#include "platform/clock.h"
+#include "sound/sdl_sound.h"
+#include "support/testutil.h"
+
+namespace korvo::test {
+
+// Mono 16-bit PCM WAV: a sine of `hz` at `amplitude` (0..32767) for `seconds`.
+inline void writeSineWav(const std::filesystem::path& p, double seconds, int amplitude, double hz = 440.0,
+                         int rate = 44100) {
+  std::filesystem::create_directories(p.parent_path());
+  const uint32_t frames = static_cast<uint32_t>(seconds * rate);
+  std::string data;
+  data.reserve(frames * 2);
+  for (uint32_t i = 0; i < frames; i++) {
+    const int16_t v = static_cast<int16_t>(amplitude * std::sin(2.0 * M_PI * hz * i / rate));
+    data.push_back(static_cast<char>(v & 0xff));
+    data.push_back(static_cast<char>((v >> 8) & 0xff));
+  }
+  auto u32 = [](uint32_t v) {
+    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 24)};
+  };
+  auto u16 = [](uint16_t v) { return std::string{static_cast<char>(v), static_cast<char>(v >> 8)}; };
+  std::string out = "RIFF" + u32(36 + static_cast<uint32_t>(data.size())) + "WAVEfmt " + u32(16) + u16(1) + u16(1) +
+                    u32(static_cast<uint32_t>(rate)) + u32(static_cast<uint32_t>(rate * 2)) + u16(2) + u16(16) +
+                    "data" + u32(static_cast<uint32_t>(data.size())) + data;
+  writeFile(p, out);
+}
+
+// Records the onset frame of every sample start (audio thread -> test thread).
+struct OnsetLog {
+  std::mutex m;
+  std::map<unsigned, std::vector<uint64_t>> byId;
+  static void observe(void* user, unsigned id, int, uint64_t frame) {
+    auto* self = static_cast<OnsetLog*>(user);
+    std::lock_guard lk(self->m);
+    self->byId[id].push_back(frame);
+  }
+  std::vector<uint64_t> get(unsigned id) {
+    std::lock_guard lk(m);
+    return byId[id];
+  }
+};
+
+// Waits (bounded) for a condition that the audio or service thread makes true.
+template <typename F>
+bool waitFor(F cond, int maxMs = 10000) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(maxMs);
+  while (!cond()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+class EngineFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    initSettings(&settings);
+    settings.playBoot = 0;
+    settings.sayPreload = 0;
+    settings.volume = 100;
+    base = dir.path() / "sets";
+    std::filesystem::create_directories(base);
+  }
+
+  void TearDown() override {
+    engine.reset();
+    clock::useRealClock();
+  }
+
+  // A PINSOUND set "name" under the base directory: music 1 (2 s), sfx 10 (0.3 s),
+  // sfx 11 (0.3 s, two variants), voice 20 (0.4 s), jingle 30 (0.3 s), single 40.
+  std::filesystem::path makeSet(const std::string& name, int amplitude = 8000) {
+    const auto s = base / name;
+    writeSineWav(s / "music/1-theme/theme.wav", 2.0, amplitude, 220);
+    writeSineWav(s / "sfx/10-beep/beep.wav", 0.3, amplitude, 880);
+    writeSineWav(s / "sfx/11-twin/a.wav", 0.3, amplitude, 660);
+    writeSineWav(s / "sfx/11-twin/b.wav", 0.3, amplitude, 770);
+    writeSineWav(s / "voice/20-talk/talk.wav", 0.4, amplitude, 330);
+    writeSineWav(s / "jingle/30-fanfare/fanfare.wav", 0.3, amplitude, 990);
+    writeSineWav(s / "single/40-over/over.wav", 0.3, amplitude, 550);
+    return s;
+  }
+
+  // Opens the engine on the disk driver, capturing to out.raw (or `file`).
+  void openEngine(const std::string& file = "", const char* delay = "0") {
+    rawPath = file.empty() ? (dir.path() / "out.raw").string() : file;
+    setenv("SDL_AUDIODRIVER", "disk", 1);
+    setenv("SDL_DISKAUDIOFILE", rawPath.c_str(), 1);
+    setenv("SDL_DISKAUDIODELAY", delay, 1);
+    engine = std::make_unique<SoundEngine>();
+    engine->setSoundsDir((sourceDir() / "sounds").string());
+    engine->setTransientSettingsFile((dir.path() / "va.ini").string());
+    engine->setAnnounceSoundSet(false);
+    engine->setPromptPollMillis(2);
+    engine->setOnsetObserver(&OnsetLog::observe, &onsets);
+    ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
+  }
+
+  void loadSets() { ASSERT_GT(engine->startSoundSets(base.string()), 0); }
+
+  // Runs every pending request as the service thread would.
+  int drain() {
+    int n = 0;
+    SoundServiceRequest req;
+    while (engine->ring().queueGet(&req, 0) == 1) {
+      engine->doSoundService(req);
+      n++;
+    }
+    return n;
+  }
+
+  int channelOf(unsigned id) {
+    for (int ch = 0; ch < kMixChannels; ch++)
+      if (engine->idPlayingOnChannel(ch) == id) return ch;
+    return -1;
+  }
+
+  bool waitIdle(unsigned id) {
+    return waitFor([&] { return !engine->isSamplePlaying(id); });
+  }
+
+  // RMS of the captured left channel over [frame, frame + frames).
+  double capturedRms(uint64_t frame, uint64_t frames) {
+    waitFor([&] { return engine->framesMixed() > frame + frames + 4096; });
+    std::ifstream in(rawPath, std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(frame * 4));
+    std::vector<int16_t> buf(frames * 2);
+    in.read(reinterpret_cast<char*>(buf.data()), static_cast<std::streamsize>(buf.size() * 2));
+    double sum = 0;
+    const std::size_t got = static_cast<std::size_t>(in.gcount()) / 4;
+    for (std::size_t i = 0; i < got; i++) sum += static_cast<double>(buf[i * 2]) * buf[i * 2];
+    return got ? std::sqrt(sum / static_cast<double>(got)) : 0.0;
+  }
+
+  TempDir dir;
+  std::filesystem::path base;
+  std::string rawPath;
+  OnsetLog onsets;
+  std::unique_ptr<SoundEngine> engine;
+};
+
+}  // namespace korvo::test

@@ -1,0 +1,139 @@
+// Music, fades, ducking and the master volume on the real mixer.
+#include <gtest/gtest.h>
+
+#include "engine_fixture.h"
+
+namespace korvo {
+namespace {
+
+using Music = test::EngineFixture;
+
+TEST_F(Music, DuckingFollowsTheLowestPlayingSampleAndComesBack) {
+  makeSet("one");
+  openEngine();
+  loadSets();
+  // Master 100, neutral gains: music at 100; voice (65) ducks it to 65, a jingle (10)
+  // on top to 10; when both have ended it is back at 100.
+  engine->handleSoundByType(1);
+  EXPECT_EQ(100, engine->musicVolume());
+  engine->handleSoundByType(20);
+  EXPECT_EQ(65, engine->musicVolume());
+  EXPECT_EQ(65, engine->getCurrentDucking());
+  engine->handleSoundByType(30);
+  EXPECT_EQ(10, engine->musicVolume());
+  ASSERT_TRUE(waitIdle(30));
+  drain();
+  if (engine->isSamplePlaying(20)) {
+    EXPECT_EQ(65, engine->musicVolume());
+  }
+  ASSERT_TRUE(waitIdle(20));
+  drain();
+  EXPECT_EQ(100, engine->musicVolume());
+  EXPECT_EQ(1, engine->musicIdPlaying());
+}
+
+TEST_F(Music, DuckedMusicIsQuieterInTheCapturedOutput) {
+  makeSet("one");
+  // A nearly silent voice, so the mix during it is the music alone.
+  test::writeSineWav(base / "one/voice/20-talk/talk.wav", 0.4, 10, 330);
+  openEngine();
+  loadSets();
+  {
+    auto lk = engine->lock();
+    engine->index().duckingByType[VOICE] = 50;
+    engine->getSampleForId(20)->ducking = 50;
+  }
+  settings.playMusicInLoops = 1;
+  engine->handleSoundByType(1);
+  // Music alone for a while, then the voice.
+  const uint64_t musicStart = engine->framesMixed();
+  ASSERT_TRUE(test::waitFor([&] { return engine->framesMixed() > musicStart + 44100; }));
+  engine->handleSoundByType(20);
+  ASSERT_TRUE(test::waitFor([&] { return onsets.get(20).size() == 1; }));
+  ASSERT_TRUE(waitIdle(20));
+  drain();
+  const uint64_t voiceOnset = onsets.get(20)[0];
+  const double before = capturedRms(voiceOnset - 8192, 4096);
+  const double during = capturedRms(voiceOnset + 2048, 4096);
+  ASSERT_GT(before, 100.0);
+  EXPECT_NEAR(0.5, during / before, 0.02);
+  EXPECT_EQ(100, engine->musicVolume());
+}
+
+TEST_F(Music, FadeShortensTheMusicAndRemembersItsPosition) {
+  makeSet("one");
+  settings.playMusicInLoops = 0;
+  openEngine();
+  loadSets();
+  const uint64_t start = engine->framesMixed();
+  engine->handleSoundByType(1);
+  ASSERT_TRUE(test::waitFor([&] { return engine->framesMixed() > start + 22050; }));
+  engine->fadeMusic(200);
+  EXPECT_EQ(1, engine->pausedMusicId());
+  ASSERT_TRUE(test::waitFor([&] { return engine->musicIdPlaying() == 0; }));
+  const uint64_t end = engine->framesMixed();
+  // The 2 s music ended well before its length.
+  EXPECT_LT(end - start, 44100u * 3 / 2);
+  // Played once without a fade it runs to its end and the hook clears the id.
+  engine->handleSoundByType(1);
+  const uint64_t again = engine->framesMixed();
+  ASSERT_TRUE(test::waitFor([&] { return engine->musicIdPlaying() == 0; }));
+  EXPECT_GE(engine->framesMixed() - again, 44100u * 2 - 2048);
+}
+
+TEST_F(Music, PauseResumeAndReplace) {
+  makeSet("one");
+  test::writeSineWav(base / "one/music/2-other/other.wav", 2.0, 8000, 300);
+  openEngine("", "1");
+  loadSets();
+  engine->handleSoundByType(1);
+  engine->pauseMusic();
+  EXPECT_EQ(0, engine->musicIdPlaying());
+  EXPECT_EQ(1, engine->pausedMusicId());
+  test::LogCapture cap;
+  engine->resumeMusic(0);  // the same stream goes on without a reload
+  EXPECT_FALSE(cap.contains("loaded music"));
+  EXPECT_EQ(1, engine->musicIdPlaying());
+  EXPECT_EQ(0, engine->pausedMusicId());
+  engine->fadeMusic(300);
+  engine->resumeMusic(300);  // reload and seek
+  EXPECT_TRUE(cap.contains("loaded music"));
+  EXPECT_EQ(1, engine->musicIdPlaying());
+  engine->fadeMusic(300);
+  engine->handleSoundByType(2);  // another music forgets the faded one
+  EXPECT_TRUE(cap.contains("reset faded music 1, start new 2"));
+  EXPECT_EQ(0, engine->pausedMusicId());
+  engine->stopMusic();
+  EXPECT_EQ(0, engine->musicIdPlaying());
+}
+
+TEST_F(Music, VolumeIsStoredAndAdjustedInSteps) {
+  makeSet("one");
+  openEngine();
+  loadSets();
+  int writes = 0;
+  std::vector<std::string> display;
+  engine->hooks().writeSettings = [&] { writes++; };
+  engine->hooks().showDisplayLine = [&](int, int, const std::string& t) { display.push_back(t); };
+  EXPECT_EQ(0, engine->setVolume(0));
+  EXPECT_EQ(0, settings.volume.load());
+  EXPECT_EQ(1, writes);
+  ASSERT_EQ(1u, display.size());
+  EXPECT_EQ("M: DATAEAST    V: 0", display[0]);
+  settings.volume = 10;
+  engine->adjustVolume(-3);
+  EXPECT_EQ(0, settings.volume.load());
+  settings.volume = 125;
+  engine->adjustVolume(2);
+  EXPECT_EQ(128, settings.volume.load());
+  EXPECT_EQ(3, writes);
+  EXPECT_EQ(1u, display.size());  // the encoder path does not write the display
+  engine->handleSoundByType(1);
+  engine->setVolume(80);
+  EXPECT_EQ(80, engine->musicVolume());
+  engine->setVolumeInternal(500);
+  EXPECT_EQ(128, engine->musicVolume());
+}
+
+}  // namespace
+}  // namespace korvo

@@ -1,0 +1,77 @@
+// Concurrent commands, set switches, volume changes and main-loop calls against the
+// running service thread and audio thread. Under ThreadSanitizer this must report
+// nothing; in any build it must neither crash nor lose track of the channels.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "engine_fixture.h"
+
+namespace korvo {
+namespace {
+
+using Stress = test::EngineFixture;
+
+TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
+  makeSet("a");
+  makeSet("b");
+  settings.samplePoolSizeInByte = 200000;  // evictions happen all the time
+  openEngine("/dev/null", "0");
+  loadSets();
+  engine->startSoundServiceThread();
+  std::atomic<bool> stop{false};
+  const unsigned ids[] = {1, 10, 11, 20, 30, 40, 77};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {  // bus capture
+    unsigned i = 0;
+    while (!stop) {
+      engine->soundHandler(ids[i++ % 7]);
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+  });
+  threads.emplace_back([&] {  // HTTP: direct plays, volume, reads of the index
+    int i = 0;
+    while (!stop) {
+      engine->handleSoundByTypeWithIdx(static_cast<int>(ids[i % 7]), i % 3 == 0 ? 0 : -1, i % 5 == 0 ? 60 : -1);
+      engine->setVolume(60 + i % 60);
+      {
+        auto lk = engine->lock();
+        for (auto& node : engine->index().samplesMap) (void)node.value->lastused;
+      }
+      i++;
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+  });
+  threads.emplace_back([&] {  // set switches, direct and through the ring
+    int i = 0;
+    while (!stop) {
+      if (i % 2)
+        engine->switchToSoundSet(1 + i % 2);
+      else
+        engine->ring().queuePut(engine->ring().buildRequest(STOP_ALL));
+      i++;
+      std::this_thread::sleep_for(std::chrono::milliseconds(15));
+    }
+  });
+  threads.emplace_back([&] {  // main loop and keyboard
+    while (!stop) {
+      engine->updateSound(static_cast<unsigned>(millis()));
+      engine->adjustVolume(1);
+      engine->dumpWhatsPlaying();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  stop = true;
+  for (auto& t : threads) t.join();
+  engine->stopSoundServiceThread();
+  engine->stopAllSamples();
+  drain();
+  for (int ch = 0; ch < kMixChannels; ch++) EXPECT_EQ(kChannelIdle, engine->idPlayingOnChannel(ch));
+  auto lk = engine->lock();
+  for (auto& node : engine->index().samplesMap) EXPECT_EQ(AudioSample::kNotPlaying, node.value->isplayingonchannel);
+}
+
+}  // namespace
+}  // namespace korvo
