@@ -32,7 +32,7 @@ std::vector<std::string_view> tokens(std::string_view text, std::string_view del
 int toInt(std::string_view s) { return std::atoi(std::string(s).c_str()); }
 }  // namespace
 
-int countElements(std::string_view text, std::string_view delimiters) {
+int PortExtender::countElements(std::string_view text, std::string_view delimiters) {
   return static_cast<int>(tokens(text, delimiters).size());
 }
 

@@ -30,12 +30,12 @@ struct SequenceToPlay {
   int n_intervals() const { return static_cast<int>(intervals.size()); }
 };
 
-// The number of tokens of `text` split at any of `delimiters`.
-int countElements(std::string_view text, std::string_view delimiters);
-
 class PortExtender {
  public:
   PortExtender(Gpio& gpio, const Settings& s, PortStates& states, Shaker& shaker);
+
+  // The number of tokens of `text` split at any of `delimiters`.
+  static int countElements(std::string_view text, std::string_view delimiters);
 
   // The MCP23017 at 0x20 with pin base 100, all 16 pins outputs. False (ERROR line)
   // when the device does not answer; pin writes then only update the port states.

@@ -2,26 +2,27 @@
 
 #include "core/log.h"
 #include "platform/clock.h"
+#include "sound/sdl_sound.h"
 
 namespace korvo {
 
-void VolumeZeroGesture::countZero(unsigned now) {
-  const int n = countVolNull_.fetch_add(1) + 1;
-  LOG(LEVEL_DEBUG, "count vol null %d", n);
-  // 0 means "not counting": a zero at time 0 of the clock still starts the burst.
-  switchTimer_.store(now != 0 ? now : 1);
+void SoundEngineProtocolPort::soundHandler(unsigned id) { engine_.soundHandler(id); }
+
+void SoundEngineProtocolPort::postSoundCommand(int id) {
+  SoundServiceRequest req = engine_.ring().buildRequest(HANDLE_SND_CMD);
+  req.id = id;
+  engine_.ring().queuePut(req);
 }
 
-int VolumeZeroGesture::take(unsigned now) {
-  const unsigned t = switchTimer_.load();
-  if (t == 0 || now < t || now - t <= kQuietMs) return 0;
-  // Another zero arriving between the load and the exchange restamps the timer; it is
-  // then counted in the next burst rather than lost.
-  const int n = countVolNull_.exchange(0);
-  unsigned expected = t;
-  switchTimer_.compare_exchange_strong(expected, 0u);
-  return n > 1 ? n : 0;
+void SoundEngineProtocolPort::postSetVolume(int volume) {
+  SoundServiceRequest req = engine_.ring().buildRequest(SET_VOLUME);
+  req.volume = volume;
+  engine_.ring().queuePut(req);
 }
+
+void SoundEngineProtocolPort::postStopAll() { engine_.ring().queuePut(engine_.ring().buildRequest(STOP_ALL)); }
+
+void SoundEngineProtocolPort::countVolumeZero(unsigned now) { engine_.countVolumeZero(now); }
 
 ProtocolHandlers::ProtocolHandlers(ProtocolEngine& engine, const Settings& s) : engine_(engine), settings_(s) {}
 
@@ -46,7 +47,7 @@ void ProtocolHandlers::soundWpcHandler(const uint8_t* cmd, int id) {
   LOG(LEVEL_DEBUG, "wpcSoundHandler cmd: 0x%02x 0x%02x 0x%02x 0x%02x, id: %d", cmd[0], cmd[1], cmd[2], cmd[3], id);
   const int vol = getVolume(cmd);
   if (vol >= 0) {
-    if (vol == 0) gesture_.countZero(static_cast<unsigned>(millis()));
+    if (vol == 0) engine_.countVolumeZero(static_cast<unsigned>(millis()));
     LOG(LEVEL_DEBUG, "Setting volume to %d", vol);
     // The machine's scale onto the 0..128 master: WPC 0..31, DCS 0..255.
     engine_.postSetVolume(settings_.protocol.load() == WPC ? vol * 4 : vol / 2);
@@ -64,7 +65,7 @@ void ProtocolHandlers::soundWSHandler(const uint8_t* cmd, int id) {
     engine_.soundHandler(static_cast<unsigned>(id));
     return;
   }
-  if (vol == 0) gesture_.countZero(static_cast<unsigned>(millis()));
+  if (vol == 0) engine_.countVolumeZero(static_cast<unsigned>(millis()));
   // The machine repeats its volume command; only a change is posted.
   if (currentWsVolume_.exchange(vol) != vol) {
     LOG(LEVEL_DEBUG, "Setting volume to %d", vol);

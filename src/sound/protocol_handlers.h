@@ -5,7 +5,7 @@
 // are dropped silently when the sound set has no entry for them.
 //
 // Threads: soundWpcHandler / soundWSHandler run on the capture's interrupt thread and
-// only post work. The gesture counters are atomics shared with the main loop.
+// only post work (the engine's ring and its atomic gesture counters).
 #pragma once
 
 #include <atomic>
@@ -28,27 +28,26 @@ class ProtocolEngine {
   virtual void postSetVolume(int volume) = 0;
   // A STOP_ALL request: every sample and the music stop.
   virtual void postStopAll() = 0;
+  // One volume command of value 0 at `now`: the volume-zero gesture's counter, which
+  // the engine's updateSound turns into a sound set step (or shuffle) after 800 ms of
+  // quiet.
+  virtual void countVolumeZero(unsigned now) = 0;
 };
 
-// Counts the machine's volume-zero commands; a burst of them switches sound sets.
-// countZero() runs on the capture thread, take() on the main loop (updateSound).
-class VolumeZeroGesture {
- public:
-  // A burst ends after this much quiet.
-  static constexpr unsigned kQuietMs = 800;
+class SoundEngine;
 
-  void countZero(unsigned now);
-  // The burst's count once it has ended (more than 800 ms since the last zero), and the
-  // counter back to idle; 0 while counting or idle. A single zero is no gesture: it
-  // returns 0 and is forgotten, so it cannot join a zero that comes hours later.
-  // 2 = step one set, 3 = two sets, 4 = three, 5 = shuffle, 6 = five sets ...
-  int take(unsigned now);
-  int countVolNull() const { return countVolNull_.load(); }
-  unsigned switchTimer() const { return switchTimer_.load(); }
+// ProtocolEngine on the real engine: requests go to its service ring.
+class SoundEngineProtocolPort : public ProtocolEngine {
+ public:
+  explicit SoundEngineProtocolPort(SoundEngine& engine) : engine_(engine) {}
+  void soundHandler(unsigned id) override;
+  void postSoundCommand(int id) override;
+  void postSetVolume(int volume) override;
+  void postStopAll() override;
+  void countVolumeZero(unsigned now) override;
 
  private:
-  std::atomic<int> countVolNull_{0};
-  std::atomic<unsigned> switchTimer_{0};
+  SoundEngine& engine_;
 };
 
 class ProtocolHandlers {
@@ -66,13 +65,11 @@ class ProtocolHandlers {
   // idsToIgnoreForWpc under WPC and WPCDCS, 0 for every other protocol.
   int suppressNotFound(int id) const;
 
-  VolumeZeroGesture& gesture() { return gesture_; }
   int currentWsVolume() const { return currentWsVolume_.load(); }
 
  private:
   ProtocolEngine& engine_;
   const Settings& settings_;
-  VolumeZeroGesture gesture_;
   std::atomic<int> currentWsVolume_{-1};
 };
 

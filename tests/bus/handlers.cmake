@@ -1,3 +1,5 @@
-# The capture-to-handler tests drive the sound folder's protocol handlers; they depend
-# only on core and platform, so the unit is compiled in rather than the whole engine.
-target_sources(test_bus PRIVATE ${PROJECT_SOURCE_DIR}/src/sound/protocol_handlers.cpp)
+# The capture-to-engine tests run the bus capture into the real sound engine (protocol
+# handlers, request ring, mixer on SDL's disk driver).
+if(TARGET korvo_sound)
+  target_link_libraries(test_bus PRIVATE korvo_sound)
+endif()

@@ -165,7 +165,7 @@ TEST_F(OutputsTest, PortCommandsParseOrFailLoudly) {
   EXPECT_TRUE(cap.contains("failed to parse cmd: 'PORT x'"));
   ext().sendPortCmd("PORTABLE 1");
   EXPECT_TRUE(cap.contains("unknown port cmd: 'PORTABLE 1'"));
-  EXPECT_EQ(countElements("101, 5\t6  7", " ,\t"), 4);
+  EXPECT_EQ(PortExtender::countElements("101, 5\t6  7", " ,\t"), 4);
 }
 
 TEST_F(OutputsTest, MissingExtenderKeepsTrackingStates) {

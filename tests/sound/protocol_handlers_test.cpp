@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "engine_fixture.h"
 #include "sound/protocol_handlers.h"
 #include "support/testutil.h"
 
@@ -18,7 +19,9 @@ class RecordingEngine : public ProtocolEngine {
   void postSoundCommand(int id) override { got.push_back("cmd " + std::to_string(id)); }
   void postSetVolume(int v) override { got.push_back("vol " + std::to_string(v)); }
   void postStopAll() override { got.push_back("stop"); }
+  void countVolumeZero(unsigned) override { ++zeros; }
   std::vector<std::string> got;
+  int zeros = 0;
 };
 
 using S = std::vector<std::string>;
@@ -59,7 +62,7 @@ TEST_F(ProtocolHandlersTest, DcsVolumeHalvesAndCountsZero) {
   wpc({0x55, 0xAA, 0x00, 0xFF}, 0x55);
   wpc({0x55, 0xAB, 0x00, 0xFF}, 0x55);
   EXPECT_EQ(engine.got, (S{"vol 127", "vol 0", "cmd 85"}));
-  EXPECT_EQ(h.gesture().countVolNull(), 1);
+  EXPECT_EQ(engine.zeros, 1);
   // The same bytes under another protocol are no volume command.
   s.protocol = WPC;
   const uint8_t c[4] = {0x55, 0xAA, 0xFF, 0x00};
@@ -76,7 +79,7 @@ TEST_F(ProtocolHandlersTest, WhitestarVolumeRangeAndRepeats) {
   ws(0xFE, 0x1B);  // 20
   ws(0xFE, 0x1B);
   EXPECT_EQ(engine.got, (S{"vol 0", "vol 124", "snd 65039", "snd 65072", "vol 80"}));
-  EXPECT_EQ(h.gesture().countVolNull(), 2);
+  EXPECT_EQ(engine.zeros, 2);
   EXPECT_EQ(h.currentWsVolume(), 20);
   s.protocol = WHITESTAR_X;
   ws(0xFE, 0x2E);
@@ -100,29 +103,45 @@ TEST_F(ProtocolHandlersTest, ControlIdsAreSuppressedOnlyForWpcBoards) {
   EXPECT_EQ(ProtocolHandlers::idsToIgnoreForWpc(0x6FFF), 1);
 }
 
-TEST_F(ProtocolHandlersTest, ZeroVolumeBurstsBecomeSetSteps) {
-  s.protocol = WPC;
-  VolumeZeroGesture& g = h.gesture();
-  auto now = [] { return static_cast<unsigned>(millis()); };
-  // Five zeros: the shuffle count.
-  for (int i = 0; i < 5; ++i) {
-    wpc({0x79, 0x00, 0xFF}, 0x79);
-    clock::advanceMillis(300);
-  }
-  EXPECT_EQ(g.take(now()), 0);  // 300 ms after the last: still counting
-  clock::advanceMillis(501);
-  EXPECT_EQ(g.take(now()), 5);
-  EXPECT_EQ(g.take(now()), 0);
+// Through the real engine: the handlers' requests land on its ring, and two DCS
+// volume-zero commands become a one-set step once the machine has been quiet 800 ms.
+class ProtocolHandlersOnEngine : public EngineFixture {};
 
-  // A single zero is no gesture and does not linger to join a much later one.
-  wpc({0x79, 0x00, 0xFF}, 0x79);
+TEST_F(ProtocolHandlersOnEngine, TwoZeroVolumeCommandsSwitchToTheNextSet) {
+  makeSet("one");
+  makeSet("two");
+  clock::useManualClock(1'000'000);
+  openEngine();
+  loadSets();
+  drain();
+  settings.protocol = WPCDCS;
+  SoundEngineProtocolPort port(*engine);
+  ProtocolHandlers h(port, settings);
+  const uint8_t zero[4] = {0x55, 0xAA, 0x00, 0xFF};
+  const uint8_t loud[4] = {0x55, 0xAA, 0xC8, 0x37};
+  h.soundWpcHandler(loud, 0x55);
+  h.soundWpcHandler(zero, 0x55);
+  clock::advanceMillis(300);
+  h.soundWpcHandler(zero, 0x55);
+  const uint8_t sound[4] = {0x00, 0x0A, 0, 0};
+  h.soundWpcHandler(sound, 10);
+  const uint8_t stop[4] = {0, 0, 0, 0};
+  h.soundWpcHandler(stop, 0);
+
+  std::vector<std::pair<int, int>> reqs;  // type, id or volume
+  SoundServiceRequest req;
+  while (engine->ring().queueGet(&req, 0) == 1) reqs.emplace_back(req.type, req.type == SET_VOLUME ? req.volume : req.id);
+  EXPECT_EQ(reqs, (std::vector<std::pair<int, int>>{
+                      {SET_VOLUME, 100}, {SET_VOLUME, 0}, {SET_VOLUME, 0}, {HANDLE_SND_CMD, 10}, {STOP_ALL, 0}}));
+
+  const int before = settings.soundSet.load();
   clock::advanceMillis(801);
-  EXPECT_EQ(g.take(now()), 0);
-  EXPECT_EQ(g.countVolNull(), 0);
-  clock::advanceMillis(3'600'000);
-  wpc({0x79, 0x00, 0xFF}, 0x79);
-  clock::advanceMillis(801);
-  EXPECT_EQ(g.take(now()), 0);
+  engine->updateSound(static_cast<unsigned>(millis()));
+  ASSERT_EQ(1, engine->ring().queueGet(&req, 0));
+  EXPECT_EQ(SWITCH_SOUNDSET, req.type);
+  EXPECT_EQ(1, req.id);
+  engine->doSoundService(req);
+  EXPECT_EQ(before % 2 + 1, settings.soundSet.load());
 }
 
 }  // namespace
