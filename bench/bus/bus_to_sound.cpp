@@ -1,0 +1,142 @@
+// The whole path: a command strobed on the sim pins -> interrupt thread -> handlers ->
+// request ring -> service thread -> the mixing pass that starts the sample. SDL's disk
+// driver paces the mixer in real time with the default 512-frame buffer; the figure is
+// strobe -> first mixing pass of the sample (add one buffer, 11.6 ms, for the DAC).
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bus/pincom.h"
+#include "bus/sim_board.h"
+#include "core/log.h"
+#include "platform/clock.h"
+#include "platform/sim_gpio.h"
+#include "sound/protocol_handlers.h"
+#include "sound/sdl_sound.h"
+
+using namespace korvo;
+namespace fs = std::filesystem;
+
+namespace {
+
+void writeSineWav(const fs::path& p, double seconds, double hz) {
+  fs::create_directories(p.parent_path());
+  const int rate = 44100;
+  const uint32_t frames = static_cast<uint32_t>(seconds * rate);
+  std::string data;
+  for (uint32_t i = 0; i < frames; i++) {
+    const int16_t v = static_cast<int16_t>(8000 * std::sin(2.0 * M_PI * hz * i / rate));
+    data.push_back(static_cast<char>(v & 0xff));
+    data.push_back(static_cast<char>((v >> 8) & 0xff));
+  }
+  auto u32 = [](uint32_t v) {
+    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 24)};
+  };
+  auto u16 = [](uint16_t v) { return std::string{static_cast<char>(v), static_cast<char>(v >> 8)}; };
+  std::ofstream(p, std::ios::binary) << "RIFF" + u32(36 + static_cast<uint32_t>(data.size())) + "WAVEfmt " + u32(16) +
+                                            u16(1) + u16(1) + u32(rate) + u32(rate * 2) + u16(2) + u16(16) + "data" +
+                                            u32(static_cast<uint32_t>(data.size())) + data;
+}
+
+struct Onsets {
+  std::mutex m;
+  std::map<unsigned, std::vector<unsigned long>> at;  // id -> micros() at onset
+  static void observe(void* user, unsigned id, int, uint64_t) {
+    auto* self = static_cast<Onsets*>(user);
+    const unsigned long t = micros();
+    std::lock_guard lock(self->m);
+    self->at[id].push_back(t);
+  }
+};
+
+double percentile(std::vector<double> v, double p) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[std::min(v.size() - 1, static_cast<std::size_t>(p / 100.0 * static_cast<double>(v.size())))];
+}
+
+}  // namespace
+
+int main() {
+  setLogLevel(LEVEL_WARN);
+  const fs::path dir = fs::temp_directory_path() / ("korvo-bench-bus-" + std::to_string(getpid()));
+  const fs::path base = dir / "sets";
+  constexpr int kIds = 8;
+  // A PINSOUND set is recognised by its music folder.
+  writeSineWav(base / "demo" / "music" / "1-m" / "m.wav", 0.5, 220.0);
+  for (int i = 0; i < kIds; ++i)
+    writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 440.0 + 50 * i);
+  const std::string raw = (dir / "out.raw").string();
+  setenv("SDL_AUDIODRIVER", "disk", 1);
+  setenv("SDL_DISKAUDIOFILE", raw.c_str(), 1);
+
+  initSettings(&settings);
+  settings.playBoot = 0;
+  settings.sayPreload = 0;
+  settings.enableI2S = 0;
+  settings.protocol = DATAEAST;
+  Onsets onsets;
+  int rc = 0;
+  {
+    SoundEngine engine;
+    engine.setAnnounceSoundSet(false);
+    engine.setTransientSettingsFile((dir / "va.ini").string());
+    engine.setOnsetObserver(&Onsets::observe, &onsets);
+    if (engine.soundInit(100, base.c_str(), 2, 44100) != 0 || engine.startSoundSets(base.string()) <= 0) {
+      std::fprintf(stderr, "audio engine did not start\n");
+      rc = 1;
+    } else {
+      engine.startSoundServiceThread();
+      SimGpio gpio;
+      SoundEngineProtocolPort port(engine);
+      Pincom pincom(gpio, settings);
+      PincomConsumers c;
+      c.soundHandler = [&](unsigned v) { engine.soundHandler(v); };
+      pincom.setConsumers(std::move(c));
+      pincom.initGpio();
+      SimMachine machine(gpio, pincom);
+      constexpr int kCommands = 300;
+      std::vector<std::pair<unsigned, unsigned long>> sent;  // id, strobe micros
+      for (int i = 0; i < kCommands; ++i) {
+        const unsigned id = 10 + i % kIds;
+        machine.driver().clearStrobeTimes();
+        machine.sendByte(static_cast<uint8_t>(id));
+        sent.emplace_back(id, machine.driver().strobeTimes().at(0));
+        // Spread the strobes over the mixing period so every phase of a pass is measured.
+        std::this_thread::sleep_for(std::chrono::microseconds(20000 + (i * 997) % 11000));
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      std::vector<double> ms;
+      {
+        std::lock_guard lock(onsets.m);
+        std::map<unsigned, std::size_t> next;
+        for (const auto& [id, t] : sent) {
+          auto& v = onsets.at[id];
+          std::size_t& k = next[id];
+          while (k < v.size() && v[k] < t) ++k;
+          if (k < v.size()) ms.push_back(static_cast<double>(v[k++] - t) / 1000.0);
+        }
+      }
+      std::printf("strobe -> mixing pass that starts the sample (DATAEAST, %d commands, %zu heard, buffer %d frames)\n",
+                  kCommands, ms.size(), engine.bufferFrames());
+      std::printf("  p50 %.2f ms   p99 %.2f ms   p99.9 %.2f ms   max %.2f ms\n", percentile(ms, 50),
+                  percentile(ms, 99), percentile(ms, 99.9), percentile(ms, 100));
+      engine.stopSoundServiceThread();
+    }
+    engine.soundShutdown();
+  }
+  std::error_code ec;
+  fs::remove_all(dir, ec);
+  return rc;
+}
