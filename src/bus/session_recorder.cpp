@@ -112,43 +112,49 @@ void SessionRecorder::flushRecordingLocked() {
   }
 }
 
-bool SessionRecorder::startPlayback(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    LOG(LEVEL_ERROR, "cannot open recording '%s'", path.c_str());
-    return false;
-  }
+std::vector<SessionRecorder::Event> SessionRecorder::parseRecording(std::istream& in, const std::string& name,
+                                                                    int currentProtocol, int* skipped) {
   std::vector<Event> events;
   std::string line;
   int lineNo = 0;
-  int skipped = 0;
   unsigned last = 0;
+  *skipped = 0;
   while (std::getline(in, line)) {
     ++lineNo;
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty()) continue;
     if (line[0] == '#') {
       if (line.rfind(kHeaderPrefix, 0) == 0) {
-        const std::string name = line.substr(std::strlen(kHeaderPrefix));
-        const int current = pincom_.protocol();
-        if (name != protocolName(current))
-          LOG(LEVEL_WARN, "recording '%s' was made with protocol %s, replaying it as %s", path.c_str(),
-              name.c_str(), protocolName(current));
+        const std::string proto = line.substr(std::strlen(kHeaderPrefix));
+        if (proto != protocolName(currentProtocol))
+          LOG(LEVEL_WARN, "recording '%s' was made with protocol %.32s, replaying it as %s", name.c_str(),
+              proto.c_str(), protocolName(currentProtocol));
       }
       continue;
     }
     unsigned ms = 0;
     uint8_t byte = 0;
     if (line.size() > kMaxLine || !parseEventLine(line, &ms, &byte)) {
-      LOG(LEVEL_WARN, "%s:%d: malformed recording line skipped", path.c_str(), lineNo);
-      ++skipped;
+      LOG(LEVEL_WARN, "%s:%d: malformed recording line skipped", name.c_str(), lineNo);
+      ++*skipped;
       continue;
     }
-    // Times never run backwards: an earlier one is delivered right after its predecessor.
+    // An earlier time is delivered right after its predecessor.
     if (ms < last) ms = last;
     last = ms;
     events.push_back({ms, byte});
   }
+  return events;
+}
+
+bool SessionRecorder::startPlayback(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    LOG(LEVEL_ERROR, "cannot open recording '%s'", path.c_str());
+    return false;
+  }
+  int skipped = 0;
+  std::vector<Event> events = parseRecording(in, path, pincom_.protocol(), &skipped);
   std::lock_guard lock(playMutex_);
   playPath_ = path;
   events_ = std::move(events);

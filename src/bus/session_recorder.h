@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <istream>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,6 +25,16 @@ class Pincom;
 class SessionRecorder {
  public:
   static constexpr unsigned kFlushIntervalMs = 1000;
+
+  struct Event {
+    unsigned ms;   // since the start of the recording
+    uint8_t byte;
+  };
+  // Reads a recording: comments and blank lines skipped, a header naming another
+  // protocol than `currentProtocol` logged WARN, malformed lines logged WARN with their
+  // line number (in `name`) and counted in *skipped. Times never run backwards.
+  static std::vector<Event> parseRecording(std::istream& in, const std::string& name, int currentProtocol,
+                                           int* skipped);
 
   explicit SessionRecorder(Pincom& pincom);
   // Closes a running recording (its bytes are written first).
@@ -58,10 +69,6 @@ class SessionRecorder {
   void updatePlayback(unsigned now);
 
  private:
-  struct Event {
-    unsigned ms;
-    uint8_t byte;
-  };
   void flushRecordingLocked();
 
   Pincom& pincom_;
