@@ -126,6 +126,9 @@ class SoundEngine {
   void startSoundServiceThread();
   // Posts TERM_SERVICE_THREAD and joins the thread. No lock held by the caller.
   void stopSoundServiceThread();
+  // SCHED_FIFO priority of the service thread (0 = normal scheduling, the default).
+  // Takes effect when the thread starts.
+  void setServiceThreadPriority(int prio) { servicePriority_.store(prio); }
   bool serviceThreadRunning() const { return serviceThread_.joinable(); }
   // Runs one request as the service thread does (tests drive it directly).
   void doSoundService(const SoundServiceRequest& req);
@@ -336,6 +339,7 @@ class SoundEngine {
   std::atomic<bool> shuffleModeHint_{false};  // mirrors shuffleMode_ for the lock-free check
   std::atomic<unsigned> switchTimer_{0};
   std::atomic<int> enableAudio_{0};
+  std::atomic<int> servicePriority_{0};
   std::atomic<uint64_t> framesMixed_{0};
   std::atomic<uint64_t> lastPassMicros_{0};
   std::atomic<OnsetObserver> onsetObserver_{nullptr};

@@ -3,6 +3,9 @@
 
 #include <chrono>
 
+#include <pthread.h>
+#include <sched.h>
+
 #include "core/log.h"
 #include "sound/sdl_sound.h"
 
@@ -91,6 +94,18 @@ void SoundEngine::stopSoundServiceThread() {
 
 void SoundEngine::soundServiceHandler() {
   setThreadName("SndService");
+  const int prio = servicePriority_.load();
+  if (prio > 0) {
+    // Real-time priority keeps a busy board (web uploads, decoding) from delaying the
+    // next command past the next mixing pass. The thread blocks between requests.
+    sched_param sp{};
+    sp.sched_priority = prio;
+    const int rc = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp);
+    if (rc != 0)
+      LOG(LEVEL_WARN, "sound service thread keeps normal priority (SCHED_FIFO %d refused: %d)", prio, rc);
+    else
+      LOG(LEVEL_INFO, "sound service thread runs at SCHED_FIFO priority %d", prio);
+  }
   SoundServiceRequest req;
   for (;;) {
     if (ring_.queueGet(&req, 1000000) != 1) continue;
