@@ -62,10 +62,6 @@ class SampleIndex {
     std::function<void()> reapplyVolume;
     // True once the bus capture runs: a set may then no longer change the protocol.
     std::function<bool()> captureStarted;
-    // ALTSOUND sets: write one column of the sound's CSV row. 0 on success.
-    std::function<int(AudioSample& sample, CsvColumn column, const std::string& value)> updateCsvColumn;
-    // ALTSOUND sets: rewrite the type-dependent columns after a type change.
-    std::function<int(AudioSample& sample)> updateCsvType;
   };
 
   explicit SampleIndex(Settings& s = settings);
@@ -128,7 +124,9 @@ class SampleIndex {
   int setGainByType(int type, int gain);
   int setDuckingByType(int type, int ducking);
   // Per-sound edits from the web service; `value` null = missing. Results as the
-  // web API documents them (0 ok, 1 not found / invalid, 2 not supported).
+  // web API documents them (0 ok, 1 not found / invalid, 2 not supported). ALTSOUND
+  // sets write the sound's CSV row (altsound.h); when that fails the record is left
+  // as it was and the writer's result is returned.
   int updateSerialCmdForSample(unsigned id, const char* value);
   int updateShakerCmdForSample(unsigned id, const char* value);
   int updateGainForSample(unsigned id, const char* value);

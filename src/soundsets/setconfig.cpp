@@ -10,6 +10,7 @@
 #include "core/fileutil.h"
 #include "core/log.h"
 #include "core/stringutil.h"
+#include "soundsets/altsound.h"
 #include "soundsets/dir_listing.h"
 #include "soundsets/sample_index.h"
 
@@ -302,12 +303,10 @@ AudioSample* lookup(SampleIndex& idx, unsigned id, const char* op) {
   return s;
 }
 
-int csv(SampleIndex& idx, AudioSample& s, SampleIndex::CsvColumn column, const std::string& value) {
-  if (!idx.hooks.updateCsvColumn) {
-    LOG(LEVEL_ERROR, "no CSV writer for sample %u", s.id);
-    return 1;
-  }
-  return idx.hooks.updateCsvColumn(s, column, value);
+int csv(AudioSample& s, SampleIndex::CsvColumn column, const std::string& value) {
+  int rc = updateCsvColumn(s, column, value);
+  if (rc != 0) LOG(LEVEL_WARN, "sample %u: the altsound table was not changed (%d)", s.id, rc);
+  return rc;
 }
 
 // An integer edit value: missing gives `missing`; text that is not a number is refused.
@@ -326,7 +325,7 @@ int SampleIndex::updateSerialCmdForSample(unsigned id, const char* value) {
   if (!s) return 1;
   std::string text = value ? value : "";
   if (setType == ALTSOUND) {
-    csv(*this, *s, CSV_SERIAL, text);
+    if (int rc = csv(*s, CSV_SERIAL, text)) return rc;
     s->serialcmd = text;
     return 0;
   }
@@ -343,7 +342,7 @@ int SampleIndex::updateShakerCmdForSample(unsigned id, const char* value) {
   if (!s) return 1;
   std::string text = value ? value : "";
   if (setType == ALTSOUND) {
-    csv(*this, *s, CSV_SHAKER, text);
+    if (int rc = csv(*s, CSV_SHAKER, text)) return rc;
     parseShakerSequence(text, s->shakersequence);
     return 0;
   }
@@ -364,7 +363,7 @@ int SampleIndex::updateGainForSample(unsigned id, const char* value) {
     return 1;
   }
   if (setType == ALTSOUND) {
-    csv(*this, *s, CSV_GAIN, std::to_string(v));
+    if (int rc = csv(*s, CSV_GAIN, std::to_string(v))) return rc;
     s->gain = static_cast<uint32_t>(v);
     return 0;
   }
@@ -391,7 +390,7 @@ int SampleIndex::updateDuckingForSample(unsigned id, const char* value) {
   }
   v = checkRange(0, 100, v);
   if (setType == ALTSOUND) {
-    csv(*this, *s, CSV_DUCK, std::to_string(v));
+    if (int rc = csv(*s, CSV_DUCK, std::to_string(v))) return rc;
     s->ducking = static_cast<uint32_t>(v);
     return 0;
   }
@@ -413,7 +412,7 @@ int SampleIndex::updateNameForSample(unsigned id, const char* value) {
   AudioSample* s = lookup(*this, id, "updateNameForSample");
   if (!s) return 0;
   if (setType != ALTSOUND) return 2;
-  csv(*this, *s, CSV_NAME, value);
+  if (int rc = csv(*s, CSV_NAME, value)) return rc;
   s->name = value;
   return 0;
 }
@@ -427,7 +426,7 @@ int SampleIndex::updatePreloadForSample(unsigned id, const char* value) {
     return 2;
   }
   bool on = value != nullptr && equalsIgnoreCase(value, "true");
-  csv(*this, *s, CSV_PRELOAD, on ? "1" : "0");
+  if (int rc = csv(*s, CSV_PRELOAD, on ? "1" : "0")) return rc;
   s->preload = on;
   return 0;
 }
@@ -442,10 +441,16 @@ int SampleIndex::updateTypeForSample(unsigned id, int type) {
   switch (setType) {
     case PINSOUND:
       return moveSoundToGroup(id, type);
-    case ALTSOUND:
+    case ALTSOUND: {
+      AudioType old = s->type;
       s->type = static_cast<AudioType>(type);
-      if (hooks.updateCsvType) hooks.updateCsvType(*s);
+      if (int rc = updateCsvType(*s)) {
+        LOG(LEVEL_WARN, "sample %u: the altsound table was not changed (%d)", s->id, rc);
+        s->type = old;
+        return rc;
+      }
       return 0;
+    }
     default:
       LOG(LEVEL_ERROR, "change of type not supported for soundset type: %d", static_cast<int>(setType));
       return 2;

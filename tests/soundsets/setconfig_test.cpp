@@ -178,34 +178,41 @@ TEST(SetConfig, PerSoundEditsOfPinsoundSets) {
 TEST(SetConfig, PerSoundEditsOfAltsoundSetsGoToTheTable) {
   SetFixture f;
   f.set.type = ALTSOUND;
-  f.idx.setType = ALTSOUND;
-  auto rec = newAudioSampleForId(9);
-  rec->basepath = f.set.basedir;
-  AudioSample* s = f.idx.addSample(std::move(rec));
-  std::vector<std::pair<int, std::string>> written;
-  f.idx.hooks.updateCsvColumn = [&](AudioSample&, SampleIndex::CsvColumn c, const std::string& v) {
-    written.emplace_back(c, v);
-    return 0;
-  };
-  EXPECT_EQ(f.idx.updateGainForSample(9, "250"), 0);
-  EXPECT_EQ(s->gain, 250u);  // not clamped on this path
+  f.file("altsound.csv",
+         "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD\n"
+         "0x0009,2,80,50,0,0,\"old\",\"intro.ogg\",2,,,0,\n");
+  f.file("intro.ogg", std::string(100, 'x'));
+  ASSERT_EQ(f.load(), 0);
+  AudioSample* s = f.idx.getSampleForId(9);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(f.idx.updateGainForSample(9, "70"), 0);
   EXPECT_EQ(f.idx.updateDuckingForSample(9, "150"), 0);
-  EXPECT_EQ(s->ducking, 100u);
+  EXPECT_EQ(s->ducking, 100u);  // clamped on this path too
   EXPECT_EQ(f.idx.updateNameForSample(9, "Intro"), 0);
-  EXPECT_EQ(s->name, "Intro");
   EXPECT_EQ(f.idx.updatePreloadForSample(9, "TRUE"), 0);
-  EXPECT_TRUE(s->preload);
-  EXPECT_EQ(f.idx.updateShakerCmdForSample(9, "5,6"), 0);
-  EXPECT_EQ(s->shakersequence.size(), 2u);
-  EXPECT_EQ(f.idx.updateTypeForSample(9, 17), 0);
-  EXPECT_EQ(s->type, SYSTEM);
-  const std::vector<std::pair<int, std::string>> expected = {{SampleIndex::CSV_GAIN, "250"},
-                                                             {SampleIndex::CSV_DUCK, "100"},
-                                                             {SampleIndex::CSV_NAME, "Intro"},
-                                                             {SampleIndex::CSV_PRELOAD, "1"},
-                                                             {SampleIndex::CSV_SHAKER, "5,6"}};
-  EXPECT_EQ(written, expected);
-  EXPECT_TRUE(fs::is_empty(f.dir("music")));
+  EXPECT_EQ(f.idx.updateShakerCmdForSample(9, "5;6"), 0);
+  EXPECT_EQ(f.idx.updateSerialCmdForSample(9, "S9"), 0);
+  EXPECT_EQ(f.idx.updateTypeForSample(9, VOICE), 0);
+  EXPECT_TRUE(fs::is_empty(f.dir("music")));  // no per-sound files for table sets
+
+  // What was edited is what the table now says.
+  SampleIndex again(f.s);
+  ASSERT_EQ(again.initSamples(f.set, 0), 0);
+  AudioSample* r = again.getSampleForId(9);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->gain, 70u);
+  EXPECT_EQ(r->ducking, 100u);
+  EXPECT_EQ(r->name, "Intro");
+  EXPECT_TRUE(r->preload);
+  EXPECT_EQ(r->shakersequence, (std::vector<uint32_t>{5, 6}));
+  EXPECT_EQ(r->serialcmd, "S9");
+  EXPECT_EQ(r->type, VOICE);
+  EXPECT_EQ(r->samples, s->samples);
+
+  // An edit the table refuses leaves the record as it was.
+  fs::remove(f.dir("altsound.csv"));
+  EXPECT_NE(f.idx.updateNameForSample(9, "Gone"), 0);
+  EXPECT_EQ(s->name, "Intro");
 }
 
 TEST(SetConfig, TypeChangeByStorageType) {
