@@ -78,7 +78,7 @@ void SoundEngine::onMusicFinished() {
 
 void SoundEngine::postMixCallback(void* udata, Uint8*, int len) {
   auto* e = static_cast<SoundEngine*>(udata);
-  const int bpf = e->bytesPerFrame_ > 0 ? e->bytesPerFrame_ : 4;
+  const int bpf = e->bytesPerFrame_.load(std::memory_order_relaxed);
   e->framesMixed_.fetch_add(static_cast<uint64_t>(len / bpf), std::memory_order_acq_rel);
   e->lastPassMicros_.store(micros(), std::memory_order_release);
 }

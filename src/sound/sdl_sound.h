@@ -344,7 +344,7 @@ class SoundEngine {
   std::atomic<uint64_t> lastPassMicros_{0};
   std::atomic<OnsetObserver> onsetObserver_{nullptr};
   std::atomic<void*> onsetUser_{nullptr};
-  int bytesPerFrame_ = 4;  // written before the device opens, read by the post-mix hook
+  std::atomic<int> bytesPerFrame_{4};  // read by the post-mix hook on the audio thread
   int frequency_ = 44100;
   int bufferFrames_ = 512;
 

@@ -57,7 +57,8 @@ TEST_F(Dispatch, VolumeFormulaClamps) {
 
 TEST_F(Dispatch, RestartStaysOnItsChannelAndOldReportLeavesNewPlayAlone) {
   makeSet("one");
-  openEngine();
+  test::writeSineWav(base / "one/sfx/10-beep/beep.wav", 1.0, 8000, 880);
+  openEngine("", "10");  // about real time: the restarted play outlives the checks
   loadSets();
   engine->handleSoundByType(10);
   const int ch = channelOf(10);
@@ -84,7 +85,7 @@ TEST_F(Dispatch, ElevenChannelsThenNoFreeChannel) {
   for (int i = 0; i < 12; i++)
     test::writeSineWav(base / "full" / strFormat("sfx/%d-s%d/s.wav", 100 + i, i), 3.0, 3000);
   std::filesystem::create_directories(base / "full" / "music");
-  openEngine("", "1");
+  openEngine("", "10");
   loadSets();
   for (int i = 0; i < 11; i++) engine->handleSoundByType(100 + i);
   for (int ch = 0; ch < kMixChannels; ch++) EXPECT_NE(kChannelIdle, engine->idPlayingOnChannel(ch));
@@ -96,7 +97,7 @@ TEST_F(Dispatch, ElevenChannelsThenNoFreeChannel) {
 
 TEST_F(Dispatch, StopCommandsSuppressRepeatedAndTypeRules) {
   makeSet("one");
-  openEngine();
+  openEngine("", "5");
   loadSets();
   settings.noOfStopCmds = 2;
   settings.stopCmds[0] = 99;

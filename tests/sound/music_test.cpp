@@ -63,7 +63,7 @@ TEST_F(Music, DuckedMusicIsQuieterInTheCapturedOutput) {
 TEST_F(Music, FadeShortensTheMusicAndRemembersItsPosition) {
   makeSet("one");
   settings.playMusicInLoops = 0;
-  openEngine();
+  openEngine("", "5");
   loadSets();
   const uint64_t start = engine->framesMixed();
   engine->handleSoundByType(1);

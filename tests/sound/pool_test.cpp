@@ -16,7 +16,7 @@ TEST_F(Pool, EvictionKeepsTheBudgetAndNeverTakesAPlayingSound) {
   makeSet("one");
   test::writeSineWav(base / "one/sfx/50-long/long.wav", 3.0, 3000);
   constexpr unsigned long kLongBytes = 44100 * 3 * 4;
-  openEngine("", "1");
+  openEngine("", "5");
   loadSets();
   settings.samplePoolSizeInByte = kLongBytes + kShortBytes * 3 / 2;
   clock::useManualClock(10000000);
