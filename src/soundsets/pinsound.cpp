@@ -290,9 +290,15 @@ void SampleIndex::fillSetSamples(SoundSet& set) {
 }
 
 int SampleIndex::initSamples(SoundSet& set, int copyMapping) {
+  hashOfAllIds = 0;
+  scrambledIds = 0;
   haveFilenameNumbers = 0;
   hashingIsUsed = 0;
   setType = set.type;
+  // Until this set's configuration is read, edits have nowhere to go (a container set
+  // has none): they must never land in the previous set's file.
+  configBase.clear();
+  configFileToWrite.clear();
   int result = 0;
   switch (set.type) {
     case XSNDFILE:

@@ -111,6 +111,22 @@ TEST(SetConfig, TypeTablesWriteBackAndUpdateDefaultSounds) {
   EXPECT_EQ(f.idx.duckingIsActive, 1);
 }
 
+TEST(SetConfig, EditsNeverReachThePreviousSetsFile) {
+  SetFixture f;
+  f.sound("sfx/1-a");
+  f.file("config.ini", "gain_sfx=15\n");
+  ASSERT_EQ(f.load(), 0);
+  SoundSet box;
+  box.type = XSNDFILE;
+  box.basedir = (f.tmp / "vanished.xsnd").string();
+  LogCapture cap;
+  EXPECT_EQ(f.idx.initSamples(box, 0), 0);
+  EXPECT_EQ(f.idx.samplesMap.mapSize(), 0);
+  EXPECT_EQ(f.idx.setGainByType(SFX, 90), 0);
+  EXPECT_TRUE(cap.contains("config filename is empty for param gain_sfx. can't update."));
+  EXPECT_EQ(readFile(f.dir("config.ini")), "gain_sfx=15\n");
+}
+
 TEST(SetConfig, UpdateConfigCreatesAppendsAndReplaces) {
   test::TempDir tmp;
   updateConfig(tmp.str(), "config.ini", "gain_music", 12);
