@@ -341,6 +341,17 @@ int SoundEngine::sendI2CCmd(const char* cmd) {
   return 0;
 }
 
+int SoundEngine::randomSampleId() {
+  Lock lk(mutex_);
+  const int n = index_.samplesMap.mapSize();
+  if (n <= 0) return -1;
+  const int r = std::rand() % n;
+  int i = 0;
+  for (auto& node : index_.samplesMap)
+    if (i++ == r) return static_cast<int>(node.key);
+  return -1;
+}
+
 void SoundEngine::dumpWhatsPlaying() {
   Lock lk(mutex_);
   dumpWhatsPlayingLocked();

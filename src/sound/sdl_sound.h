@@ -160,6 +160,9 @@ class SoundEngine {
   void sendPortCmd(const char* cmd);
   int sendI2CCmd(const char* cmd);
   void dumpWhatsPlaying();
+  // The id of a random sound of the loaded set (keyboard Enter without a number), -1
+  // when the set is empty.
+  int randomSampleId();
 
   // ---- music, fading, ducking, volume (music.cpp) ----
   void playMusic(int id, int idx) { playMusicWithFadeIn(id, 0, idx); }

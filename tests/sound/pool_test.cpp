@@ -131,7 +131,32 @@ TEST_F(Pool, NoSoundSetAtAll) {
   EXPECT_TRUE(cap.contains("sample for id '10' not found"));
   engine->cycleSoundSet(1);
   EXPECT_TRUE(cap.contains("no soundset to switch to"));
+  EXPECT_EQ(-1, engine->randomSampleId());
   EXPECT_GT(SoundEngine::getMemoryUsedForSamples(), 0);
+}
+
+}  // namespace
+}  // namespace korvo
+
+namespace korvo {
+namespace {
+
+// The bundled demo set loads and every kind of sound in it is heard.
+TEST_F(Pool, DemoSetMakesSound) {
+  openEngine();
+  ASSERT_EQ(1, engine->startSoundSets((test::sourceDir() / "demo").string()));
+  for (int id : {10, 13, 20, 21, 30, 40}) {
+    engine->handleSoundByType(id);
+    ASSERT_TRUE(test::waitFor([&] { return !onsets.get(static_cast<unsigned>(id)).empty(); })) << id;
+    ASSERT_TRUE(waitIdle(static_cast<unsigned>(id)));
+    drain();
+    EXPECT_GT(capturedRms(onsets.get(static_cast<unsigned>(id))[0], 2048), 50.0) << id;
+  }
+  engine->handleSoundByType(1);
+  EXPECT_EQ(1, engine->musicIdPlaying());
+  const int r = engine->randomSampleId();
+  auto lk = engine->lock();
+  EXPECT_NE(nullptr, engine->getSampleForId(r));
 }
 
 }  // namespace
