@@ -8,7 +8,9 @@ Bus::Bus(Gpio& gpio, Settings& s) : gpio_(gpio), settings_(s), pincom_(gpio, s),
 
 Bus::~Bus() { shutdown(); }
 
-bool Bus::startEventService(int httpPort) { return events_.start(httpPort + 1); }
+bool Bus::startEventService(int httpPort, const std::string& bindAddress) {
+  return events_.start(httpPort + 1, bindAddress);
+}
 
 void Bus::openOutputs() {
   if (settings_.enableSerial) {

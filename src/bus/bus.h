@@ -33,7 +33,8 @@ class Bus {
 
   // Start-up, in this order (numbers are the daemon's start-up steps):
   int preInitGpio() { return pincom_.preInitGpio(); }             // 5
-  bool startEventService(int httpPort);                            // 12, when enable_eventsrv
+  // 12, when enable_eventsrv: UDP port httpPort + 1 on all interfaces.
+  bool startEventService(int httpPort, const std::string& bindAddress = "0.0.0.0");
   void openOutputs();                                              // 19: serial and socket
   void initGpio(PincomConsumers consumers);                        // 21
   // 23: -P then -R (either may be empty). False when a file could not be used.
@@ -55,6 +56,14 @@ class Bus {
   void setPortExtenderPin(int pin, int value) { pincom_.portExtender().setPortExtenderPin(pin, value); }
   void playbackShakerSequence(std::vector<int> pattern) {
     pincom_.shaker().playbackShakerSequence(std::move(pattern));
+  }
+  // The engine's hook shapes: a sample's pattern as stored, a "PORTSEQ " text.
+  void playbackShakerSequence(const std::vector<uint32_t>& pattern) {
+    pincom_.shaker().playbackShakerSequence(std::vector<int>(pattern.begin(), pattern.end()));
+  }
+  void addPortPinSequence(std::string_view text) {
+    auto& ext = pincom_.portExtender();
+    ext.addPortPinSequence(ext.createPortPinSeq(text));
   }
   void portseq(int port, const std::vector<int>& steps) { pincom_.portExtender().portseq(port, steps); }
 
