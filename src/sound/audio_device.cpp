@@ -258,7 +258,7 @@ bool parseControlLine(const std::string& line, int* numid, int* index, long* val
 // ---- the engine's device ----
 
 int SoundEngine::soundInit(int volume, const char* baseDir, int channels, int frequency) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   baseDir_ = baseDir ? baseDir : "";
   channels_ = channels > 0 ? channels : 2;
   frequency_ = frequency > 0 ? frequency : 44100;
@@ -293,7 +293,7 @@ int SoundEngine::soundInit(int volume, const char* baseDir, int channels, int fr
 
 void SoundEngine::soundShutdown() {
   stopSoundServiceThread();
-  Lock lk(mutex_);
+  Lock lk(*this);
   closeDevice();
   enableAudio_.store(0);
   if (sdlAudioInit_) {
@@ -309,7 +309,7 @@ std::string SoundEngine::currentAudioDevice() const {
 }
 
 int SoundEngine::reopenAudioDevice(int n) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   const auto devices = getAudioDevices();
   if (n < 0 || static_cast<std::size_t>(n) >= devices.size()) {
     LOG(LEVEL_ERROR, "no audio device %d (have %zu)", n, devices.size());
@@ -336,7 +336,7 @@ int SoundEngine::reopenAudioDevice(int n) {
   deviceIndex_ = n;
   setVolumeInternalLocked(settings_.volume.load());
   settings_.audioDevice.set(wanted);
-  if (hooks_.writeSettings) hooks_.writeSettings();
+  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
   applyStoredControls();
   playSystemSoundLocked(&lk, "ready.ogg", 0);
   return n;
@@ -346,14 +346,14 @@ int SoundEngine::cycleAudioDevice() {
   const auto devices = getAudioDevices();
   int next;
   {
-    Lock lk(mutex_);
+    Lock lk(*this);
     next = (deviceIndex_ + 1) % static_cast<int>(devices.size());
   }
   return reopenAudioDevice(next);
 }
 
 int SoundEngine::setControlValue(int numid, int index, long value) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   const auto devices = getAudioDevices();
   const std::string pcm = static_cast<std::size_t>(deviceIndex_) < devices.size()
                               ? devices[static_cast<std::size_t>(deviceIndex_)].name

@@ -36,7 +36,7 @@ void SoundEngine::soundHandlerExt(unsigned id, int overrideVol) {
 }
 
 void SoundEngine::handleSoundByTypeWithIdx(int id, int idx, int overrideVol) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   handleSoundLocked(id, idx, overrideVol);
 }
 
@@ -88,7 +88,7 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
 }
 
 void SoundEngine::playSample(int id, int idx, int overrideVol) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   playSampleLocked(id, idx, overrideVol);
 }
 
@@ -159,7 +159,7 @@ void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
   s->isplayingonchannel = ch;
   doCheckDucking(-1);
   if (settings_.shakerEnabled && !s->shakersequence.empty() && hooks_.playbackShakerSequence)
-    hooks_.playbackShakerSequence(s->shakersequence);
+    defer([this, seq = s->shakersequence] { hooks_.playbackShakerSequence(seq); });
 }
 
 int SoundEngine::getVolumeForSample(const AudioSample* sample, int overideVol) {
@@ -211,7 +211,7 @@ void SoundEngine::updateSound(unsigned now) {
   const unsigned last = lastSoundCmd_.load();
   const bool attract = last != 0 && now > last && now - last > static_cast<unsigned>(settings_.attractTimeOut);
   if (!gesture && !attract && !shuffleModeHint_.load(std::memory_order_relaxed)) return;
-  Lock lk(mutex_);
+  Lock lk(*this);
   updateSoundLocked(lk, now);
 }
 
@@ -255,10 +255,15 @@ void SoundEngine::updateSoundLocked(Lock& lk, unsigned now) {
 // ---- command strings ----
 
 void SoundEngine::sendCmd(const AudioSample* s) {
-  if (s && !s->serialcmd.empty()) playCommand(s->serialcmd.c_str());
+  if (s && !s->serialcmd.empty()) playCommandLocked(s->serialcmd.c_str());
 }
 
-void SoundEngine::playCommand(const char* cmd1) {
+void SoundEngine::playCommand(const char* cmd) {
+  Lock lk(*this);
+  playCommandLocked(cmd);
+}
+
+void SoundEngine::playCommandLocked(const char* cmd1) {
   if (!cmd1) return;
   std::string copy(cmd1);
   std::vector<std::string_view> pieces;
@@ -280,15 +285,16 @@ void SoundEngine::playCommand(const char* cmd1) {
 
 void SoundEngine::processCmd(const char* cmd) {
   LOG(LEVEL_DEBUG, "processing cmd %s", cmd);
+  const std::string text(cmd);
   if (isPortCmd(cmd, settings_)) {
-    sendPortCmd(cmd);
+    defer([this, text] { sendPortCmd(text.c_str()); });
   } else if (isI2CCmd(cmd)) {
-    sendI2CCmd(cmd);
+    defer([this, text] { sendI2CCmd(text.c_str()); });
   } else if (settings_.luaEnabled) {
-    if (hooks_.luaRun) hooks_.luaRun(cmd);
+    if (hooks_.luaRun) defer([this, text] { hooks_.luaRun(text); });
   } else {
-    if (settings_.enableSerial && hooks_.serialSend) hooks_.serialSend(cmd);
-    if (!settings_.sms_address.empty() && hooks_.sendSocketCmd) hooks_.sendSocketCmd(cmd);
+    if (settings_.enableSerial && hooks_.serialSend) defer([this, text] { hooks_.serialSend(text); });
+    if (!settings_.sms_address.empty() && hooks_.sendSocketCmd) defer([this, text] { hooks_.sendSocketCmd(text); });
   }
 }
 
@@ -342,7 +348,7 @@ int SoundEngine::sendI2CCmd(const char* cmd) {
 }
 
 int SoundEngine::randomSampleId() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   const int n = index_.samplesMap.mapSize();
   if (n <= 0) return -1;
   const int r = std::rand() % n;
@@ -353,7 +359,7 @@ int SoundEngine::randomSampleId() {
 }
 
 void SoundEngine::dumpWhatsPlaying() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   dumpWhatsPlayingLocked();
 }
 

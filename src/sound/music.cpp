@@ -7,7 +7,7 @@
 namespace korvo {
 
 void SoundEngine::playMusicWithFadeInAndPos(int id, int ms, int idx, double pos) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   playMusicLocked(id, ms, idx, pos);
 }
 
@@ -59,7 +59,7 @@ void SoundEngine::playMusicLocked(int id, int ms, int idx, double pos) {
   if (pausedMusicId_ != 0 && pausedMusicId_ != id) resetFadedMusic(id);
   LOG(LEVEL_DEBUG, "Playing Music id=%d, '%s:%d' gain:%u, from %s", id, s->name.c_str(), idx, s->gain, file.c_str());
   if (settings_.shakerEnabled && !s->shakersequence.empty() && hooks_.playbackShakerSequence)
-    hooks_.playbackShakerSequence(s->shakersequence);
+    defer([this, seq = s->shakersequence] { hooks_.playbackShakerSequence(seq); });
 }
 
 void SoundEngine::resetFadedMusic(int newId) {
@@ -70,7 +70,7 @@ void SoundEngine::resetFadedMusic(int newId) {
 void SoundEngine::setMusicIdPlaying(int id) {
   if (id == 0) musicPlaying_.store(0);
   musicIdPlaying_.store(id);
-  if (settings_.luaEnabled && hooks_.setLuaGlobal) hooks_.setLuaGlobal("musicPlayingId", id);
+  if (settings_.luaEnabled && hooks_.setLuaGlobal) defer([this, id] { hooks_.setLuaGlobal("musicPlayingId", id); });
 }
 
 // Halting (rather than freeing a fading music) keeps the mixer from blocking until a
@@ -85,7 +85,7 @@ void SoundEngine::freeMusic() {
 }
 
 void SoundEngine::stopMusic() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   stopMusicLocked();
 }
 
@@ -97,7 +97,7 @@ void SoundEngine::stopMusicLocked() {
 }
 
 void SoundEngine::pauseMusic() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   pauseMusicLocked();
 }
 
@@ -110,7 +110,7 @@ void SoundEngine::pauseMusicLocked() {
 }
 
 void SoundEngine::fadeMusic(int ms) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   fadeMusicLocked(ms);
 }
 
@@ -123,7 +123,7 @@ void SoundEngine::fadeMusicLocked(int ms) {
 }
 
 void SoundEngine::resumeMusic(int ms) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   resumeMusicLocked(ms);
 }
 
@@ -143,7 +143,7 @@ void SoundEngine::resumeMusicLocked(int ms) {
 }
 
 int SoundEngine::pausedMusicId() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return pausedMusicId_;
 }
 
@@ -193,7 +193,7 @@ void SoundEngine::fadeSoundType(int ms, int type) {
 // ---- ducking ----
 
 int SoundEngine::getCurrentDucking() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return getCurrentDuckingLocked();
 }
 
@@ -234,7 +234,7 @@ void SoundEngine::doCheckDucking(int ch) {
 // ---- master volume ----
 
 void SoundEngine::setVolumeInternal(int v) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   setVolumeInternalLocked(v);
 }
 
@@ -250,7 +250,7 @@ int SoundEngine::musicVolume() const {
 }
 
 int SoundEngine::setVolume(int volume) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return setVolumeLocked(volume);
 }
 
@@ -266,7 +266,7 @@ int SoundEngine::setVolumeLocked(int volume) {
 
 void SoundEngine::adjustVolume(int delta) {
   if (delta == 0) return;
-  Lock lk(mutex_);
+  Lock lk(*this);
   int v = settings_.volume.load() + delta * 5;
   if (v < 0) v = 0;
   if (v > MIX_MAX_VOLUME) v = MIX_MAX_VOLUME;
@@ -278,11 +278,14 @@ void SoundEngine::volumeChanged(bool showDisplay) {
   const int volume = settings_.volume.load();
   const int music = musicIdPlaying_.load();
   if (music > 0) setMusicVolume(music);
-  if (settings_.luaEnabled && hooks_.setLuaGlobal) hooks_.setLuaGlobal("effectiveVolume", volume);
+  if (settings_.luaEnabled && hooks_.setLuaGlobal)
+    defer([this, volume] { hooks_.setLuaGlobal("effectiveVolume", volume); });
   LOG(LEVEL_DEBUG, "volume: %d", volume);
-  if (showDisplay && hooks_.showDisplayLine)
-    hooks_.showDisplayLine(0, 40, strFormat("M: %-11s V: %d", protocolName(settings_.protocol.load()), volume));
-  if (hooks_.writeSettings) hooks_.writeSettings();
+  if (showDisplay && hooks_.showDisplayLine) {
+    const std::string line = strFormat("M: %-11s V: %d", protocolName(settings_.protocol.load()), volume);
+    defer([this, line] { hooks_.showDisplayLine(0, 40, line); });
+  }
+  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
 }
 
 }  // namespace korvo

@@ -30,7 +30,7 @@ SDL_RWops* SoundEngine::makeRW(const AudioSample* s, int idx) {
 }
 
 void SoundEngine::loadSample(int id) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   loadSampleLocked(id);
 }
 
@@ -69,7 +69,7 @@ void SoundEngine::loadSampleLocked(int id) {
 }
 
 int SoundEngine::tryToFreeSamples(unsigned id) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return tryToFreeSamplesLocked(id);
 }
 
@@ -104,7 +104,7 @@ int SoundEngine::tryToFreeSamplesLocked(unsigned id) {
 }
 
 void SoundEngine::freeSamples() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   freeSamplesLocked();
 }
 
@@ -116,7 +116,7 @@ void SoundEngine::freeSamplesLocked() {
 }
 
 void SoundEngine::stopAllSamples() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   stopAllSamplesLocked();
 }
 
@@ -135,7 +135,7 @@ void SoundEngine::stopAllSamplesLocked() {
 }
 
 int SoundEngine::countPreloads() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   int n = 0;
   for (auto& node : index_.samplesMap)
     if (node.value && node.value->preload) n++;
@@ -143,7 +143,7 @@ int SoundEngine::countPreloads() {
 }
 
 unsigned long SoundEngine::bytesUsedForLoadedSamples() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return bytesUsedForLoadedSamples_;
 }
 
@@ -168,18 +168,18 @@ long SoundEngine::getMemoryUsedForSamples() {
 int SoundEngine::soundSetCount() const { return catalogue_.maxSoundSets; }
 
 int SoundEngine::startSoundSets(const std::string& baseDir) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   if (!baseDir.empty()) baseDir_ = baseDir;
   catalogue_.searchSoundSets(baseDir_);
   const int max = catalogue_.maxSoundSets;
   if (max == 0) {
     playSystemSoundLocked(&lk, "no-soundset.ogg", 1);
-    if (hooks_.showDisplayLine) hooks_.showDisplayLine(0, 24, "NO SOUND FOUND");
+    if (hooks_.showDisplayLine) defer([this] { hooks_.showDisplayLine(0, 24, "NO SOUND FOUND"); });
     playSystemSoundLocked(&lk, "please-install-sound.ogg", 1);
     index_.clearSamples();
     return 0;
   }
-  if (hooks_.showDisplayLine) hooks_.showDisplayLine(0, 24, strFormat("SOUNDSETS: %d", max));
+  if (hooks_.showDisplayLine) defer([this, max] { hooks_.showDisplayLine(0, 24, strFormat("SOUNDSETS: %d", max)); });
   const int set = catalogue_.clampIndex(settings_.soundSet.load());
   settings_.soundSet.store(set);
   LOG(LEVEL_INFO, "max soundsets: %d", max);
@@ -188,13 +188,13 @@ int SoundEngine::startSoundSets(const std::string& baseDir) {
 }
 
 int SoundEngine::searchSoundSets() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   catalogue_.searchSoundSets(baseDir_);
   return catalogue_.maxSoundSets;
 }
 
 int SoundEngine::removeSoundSet(int number) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   if (loadingSoundSet_.load()) {
     LOG(LEVEL_WARN, "soundset %d not removed: a set is loading", number);
     return 1;
@@ -207,7 +207,7 @@ int SoundEngine::removeSoundSet(int number) {
   if (rc != 0) return rc;
   if (requested > 0) {
     settings_.soundSet.store(requested);
-    if (hooks_.writeSettings) hooks_.writeSettings();
+    if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
     if (SoundSet* s = catalogue_.get(requested)) {
       loadSoundSetLocked(lk, s, requested);
     } else {
@@ -220,7 +220,7 @@ int SoundEngine::removeSoundSet(int number) {
 }
 
 int SoundEngine::switchToSoundSet(int set) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return switchToSoundSetLocked(lk, set);
 }
 
@@ -244,12 +244,12 @@ int SoundEngine::switchToSoundSetLocked(Lock& lk, int set) {
   const int rc = loadSoundSetLocked(lk, target, set);
   if (rc == 2) return 1;  // nothing changed: the old set still plays
   settings_.soundSet.store(set);
-  if (hooks_.writeSettings) hooks_.writeSettings();
+  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
   return rc == 0 ? 0 : 1;
 }
 
 void SoundEngine::cycleSoundSet(int n) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   cycleSoundSetLocked(lk, n);
 }
 
@@ -274,7 +274,7 @@ void SoundEngine::cycleSoundSetLocked(Lock& lk, int n) {
 }
 
 int SoundEngine::loadSoundSet(SoundSet* set, int number) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return loadSoundSetLocked(lk, set, number);
 }
 

@@ -22,7 +22,23 @@ std::string readableSize(unsigned long bytes) {
   return strFormat("%lu B", bytes);
 }
 
+void SoundEngine::EngineLock::unlock() {
+  if (!lk_.owns_lock()) return;
+  std::vector<std::function<void()>> work;
+  work.swap(e_->deferred_);
+  lk_.unlock();
+  for (auto& w : work) {
+    try {
+      w();
+    } catch (const std::exception& ex) {
+      LOG(LEVEL_ERROR, "sound engine side effect failed: %s", ex.what());
+    }
+  }
+}
+
 SoundEngine::SoundEngine(Settings& s) : settings_(s), index_(s) {
+  // The index calls this with the engine lock held (a type gain changed).
+  index_.hooks.reapplyVolume = [this] { setVolumeLocked(settings_.volume.load()); };
   for (int i = 0; i < kMixChannels; i++) {
     idPlayingOnChannel_[i].store(kChannelIdle);
     channelGen_[i].store(0);
@@ -33,7 +49,7 @@ SoundEngine::SoundEngine(Settings& s) : settings_(s), index_(s) {
 SoundEngine::~SoundEngine() {
   stopSoundServiceThread();
   soundShutdown();
-  Lock lk(mutex_);
+  Lock lk(*this);
   // Records own chunks: free them while the mixer library is still usable.
   index_.clearSamples();
 }

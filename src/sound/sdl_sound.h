@@ -85,9 +85,29 @@ class SoundEngine {
   // The index of the loaded set. Callers outside the engine hold lock() while they use
   // it or any record it hands out.
   SampleIndex& index() { return index_; }
+
+  // The engine lock. Work that leaves the engine (Lua, side outputs, the display, the
+  // settings file) is queued while the lock is held and runs, in order, right after it
+  // is released: a Lua script may call back into the engine, and slow I/O never holds
+  // up the service thread.
+  class EngineLock {
+   public:
+    explicit EngineLock(SoundEngine& e) : e_(&e), lk_(e.mutex_) {}
+    EngineLock(EngineLock&&) noexcept = default;
+    EngineLock& operator=(EngineLock&&) = delete;
+    ~EngineLock() { unlock(); }
+    // Releases the lock, then runs the queued work.
+    void unlock();
+    void lock() { lk_.lock(); }
+    bool owns_lock() const { return lk_.owns_lock(); }
+
+   private:
+    SoundEngine* e_;
+    std::unique_lock<std::mutex> lk_;
+  };
   // The installed sets (same lock as the index).
   SoundSetCatalogue& catalogue() { return catalogue_; }
-  std::unique_lock<std::mutex> lock() { return std::unique_lock<std::mutex>(mutex_); }
+  EngineLock lock() { return EngineLock(*this); }
 
   // ---- audio device (audio_device.cpp) ----
   // Opens the device (settings.audioDevice if set, else the default), 11 channels,
@@ -152,8 +172,12 @@ class SoundEngine {
   void updateSound(unsigned now);
   // The protocol handlers count volume commands of value 0 (DEBUG "count vol null").
   void countVolumeZero(unsigned now);
-  void sendCmd(const AudioSample* s);
+  // Runs a command string (pieces joined by ";"): PORT, PORTSEQ, I2CWRITE, else Lua or
+  // the serial line and socket.
   void playCommand(const char* cmd);
+  // The pieces of playCommand; engine lock held.
+  void sendCmd(const AudioSample* s);
+  void playCommandLocked(const char* cmd);
   void processCmd(const char* cmd);
   static int isPortCmd(const char* cmd, const Settings& s);
   static int isI2CCmd(const char* cmd);
@@ -236,7 +260,9 @@ class SoundEngine {
   void setOnsetObserver(OnsetObserver fn, void* user);
 
  private:
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = EngineLock;
+  // Queues work to run after the engine lock is released (lock held).
+  void defer(std::function<void()> fn) { deferred_.push_back(std::move(fn)); }
   struct MusicDeleter {
     void operator()(Mix_Music* m) const {
       if (m) Mix_FreeMusic(m);
@@ -308,6 +334,7 @@ class SoundEngine {
   // ---- guarded by mutex_ ----
   SampleIndex index_;
   SoundSetCatalogue catalogue_;
+  std::vector<std::function<void()>> deferred_;
   MusicPtr spMusic_;
   MusicPtr systemSoundMix_;
   std::string lastSystemSound_;

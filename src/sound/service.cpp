@@ -126,16 +126,13 @@ void SoundEngine::soundServiceHandler() {
 void SoundEngine::doSoundService(const SoundServiceRequest& req) {
   switch (req.type) {
     case CHANNEL_FINISHED: {
-      Lock lk(mutex_);
+      Lock lk(*this);
       channelFinishedLocked(req);
       break;
     }
     case MUSIC_FINISHED: {
       // The hook could not call into Lua from the audio thread; tell it now what plays.
-      if (settings_.luaEnabled && hooks_.setLuaGlobal) {
-        Lock lk(mutex_);
-        hooks_.setLuaGlobal("musicPlayingId", musicIdPlaying_.load());
-      }
+      if (settings_.luaEnabled && hooks_.setLuaGlobal) hooks_.setLuaGlobal("musicPlayingId", musicIdPlaying_.load());
       break;
     }
     case SET_VOLUME:
@@ -149,7 +146,7 @@ void SoundEngine::doSoundService(const SoundServiceRequest& req) {
       handleSoundByType(req.id);
       break;
     case STOP_ALL: {
-      Lock lk(mutex_);
+      Lock lk(*this);
       stopAllSamplesLocked();
       stopMusicLocked();
       break;

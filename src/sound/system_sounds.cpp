@@ -11,12 +11,12 @@
 namespace korvo {
 
 int SoundEngine::playSystemSound(const char* f, int wait) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return playSystemSoundLocked(&lk, f, wait);
 }
 
 int SoundEngine::playSystemSoundWithOverride(const char* soundName, int wait, const char* basePath) {
-  Lock lk(mutex_);
+  Lock lk(*this);
   return playSystemSoundWithOverrideLocked(&lk, soundName, wait, basePath);
 }
 
@@ -75,7 +75,7 @@ int SoundEngine::playSystemSoundWithOverrideLocked(Lock* lk, const char* soundNa
 }
 
 void SoundEngine::stopSystemSound() {
-  Lock lk(mutex_);
+  Lock lk(*this);
   stopSystemSoundLocked();
 }
 

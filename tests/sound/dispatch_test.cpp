@@ -263,6 +263,15 @@ TEST_F(Dispatch, CommandStringsReachPortsI2cLuaSerialAndSocket) {
   calls.clear();
   engine->handleSoundByType(10);
   EXPECT_EQ(std::vector<std::string>{"pin 4 0"}, calls);
+  // A Lua command may call back into the engine: it runs after the engine lock is let go.
+  settings.luaEnabled = 1;
+  h.luaRun = [&](const std::string&) { engine->handleSoundByType(20); };
+  {
+    auto lk = engine->lock();
+    engine->getSampleForId(10)->serialcmd = "playSound(20)";
+  }
+  engine->handleSoundByType(10);
+  EXPECT_TRUE(engine->isSamplePlaying(20));
   test::LogCapture dump(LEVEL_DEBUG);
   engine->handleSoundByType(1);
   engine->dumpWhatsPlaying();
