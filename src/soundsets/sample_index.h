@@ -56,9 +56,11 @@ class SampleIndex {
   // Columns of an AltSound CSV row that per-sound edits write.
   enum CsvColumn : int { CSV_SERIAL, CSV_SHAKER, CSV_GAIN, CSV_DUCK, CSV_NAME, CSV_PRELOAD };
 
-  // Calls out of this layer, wired by the owner. Unset hooks do nothing.
+  // Calls out of this layer, wired by the owner. Unset hooks do nothing. They run on
+  // the caller's thread with the engine mutex held: they must not take it again.
   struct Hooks {
-    // Re-apply the master volume after a type gain changed (engine's setVolume).
+    // Re-apply the master volume after a type gain or ducking changed (the engine's
+    // setVolume with the current volume setting).
     std::function<void()> reapplyVolume;
     // True once the bus capture runs: a set may then no longer change the protocol.
     std::function<bool()> captureStarted;
