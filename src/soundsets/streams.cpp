@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "core/log.h"
@@ -82,23 +83,25 @@ size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
     toRead = static_cast<uint64_t>(extent - c->pos);
     LOG(LEVEL_TRACE, "limit toRead to size: %llu", static_cast<unsigned long long>(toRead));
   }
-  if (toRead == 0) return 0;
+  // Only whole objects are handed out, and never a byte past the audio file: the
+  // decoders read in blocks (2 KiB and more), and a block that crosses the end must
+  // still deliver the file's last bytes, or short samples would not load at all.
+  const size_t objects = static_cast<size_t>(toRead / size);
+  if (objects == 0) return 0;
   LOG(LEVEL_TRACE, "comp read. pos: %lld, toRead: %llu", static_cast<long long>(c->pos),
       static_cast<unsigned long long>(toRead));
-  // The read is not cut to the extent: a request crossing the end of the audio file
-  // reads on into the following container bytes and is answered as end of stream.
-  size_t got = fread(ptr, size, maxnum, c->f);
-  if (got < maxnum) {
+  size_t got = fread(ptr, size, objects, c->f);
+  off_t now = ftello(c->f);
+  if (now >= 0) c->pos = static_cast<int64_t>(now) - static_cast<int64_t>(c->fileChunk.offset);
+  if (got < objects) {
     LOG(LEVEL_ERROR, "comp read. size: %zu, maxnum: %zu", size, maxnum);
-    off_t now = ftello(c->f);
-    if (now >= 0) c->pos = static_cast<int64_t>(now) - static_cast<int64_t>(c->fileChunk.offset);
     return 0;
   }
-  off_t now = ftello(c->f);
-  c->pos = now < 0 ? extent + 1 : static_cast<int64_t>(now) - static_cast<int64_t>(c->fileChunk.offset);
-  if (c->pos <= extent) return maxnum;
-  LOG(LEVEL_ERROR, "exceed file size: %lld %u", static_cast<long long>(c->pos), c->fileChunk.size);
-  return 0;
+  if (c->pos > extent) {
+    LOG(LEVEL_ERROR, "exceed file size: %lld %u", static_cast<long long>(c->pos), c->fileChunk.size);
+    return 0;
+  }
+  return got;
 }
 
 int rwCompClose(SDL_RWops* ctx) {
@@ -147,11 +150,40 @@ Sint64 rwZipSize(SDL_RWops* ctx) {
   return static_cast<Sint64>(st.size);
 }
 
+namespace {
+
+// Reopens the entry at its start (a compressed entry cannot seek backwards).
+bool reopenZipEntry(ZipCtx* z) {
+  if (z->f) zip_fclose(z->f);
+  z->f = zip_fopen_index(z->a, static_cast<zip_uint64_t>(z->idx), 0);
+  z->pos = 0;
+  return z->f != nullptr;
+}
+
+}  // namespace
+
 Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   ZipCtx* z = zipCtx(ctx);
   if (z == nullptr || z->f == nullptr) return -1;
-  int w = whence == RW_SEEK_CUR ? SEEK_CUR : whence == RW_SEEK_END ? SEEK_END : SEEK_SET;
-  return zip_fseek(z->f, offset, w);
+  const int64_t size = rwZipSize(ctx);
+  int64_t target = whence == RW_SEEK_CUR ? z->pos + offset : whence == RW_SEEK_END ? size + offset : offset;
+  if (target < 0 || target > size) return -1;
+  // Stored entries seek directly; compressed ones are read forward to the target,
+  // from the start again when it lies behind. The new position is returned: the
+  // mixer's decoders take SDL_RWtell (a seek by 0) as the position.
+  if (z->stored) {
+    if (zip_fseek(z->f, target, SEEK_SET) != 0) return -1;
+    z->pos = target;
+    return target;
+  }
+  if (target < z->pos && !reopenZipEntry(z)) return -1;
+  char scratch[4096];
+  while (z->pos < target) {
+    zip_int64_t n = zip_fread(z->f, scratch, static_cast<zip_uint64_t>(std::min<int64_t>(target - z->pos, sizeof scratch)));
+    if (n <= 0) return -1;
+    z->pos += n;
+  }
+  return z->pos;
 }
 
 size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
@@ -160,7 +192,9 @@ size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   const zip_uint64_t want = static_cast<zip_uint64_t>(size) * maxnum;
   zip_int64_t got = zip_fread(z->f, ptr, want);
   if (got < 0) got = 0;
-  if (static_cast<zip_uint64_t>(got) < want) LOG(LEVEL_ERROR, "not enough data in zip");
+  z->pos += got;
+  // A short read at the end of the entry is the normal end of a decode.
+  if (static_cast<zip_uint64_t>(got) < want && z->pos < rwZipSize(ctx)) LOG(LEVEL_ERROR, "not enough data in zip");
   return static_cast<size_t>(got) / size;
 }
 
@@ -187,6 +221,12 @@ SDL_RWops* makeZipRW(const char* zipPath, const AudioSample* sample, int index) 
   if (z->a != nullptr) {
     z->idx = zip_name_locate(z->a, entry, 0);
     if (z->idx >= 0) z->f = zip_fopen_index(z->a, static_cast<zip_uint64_t>(z->idx), 0);
+    zip_stat_t st;
+    // A failed zip_fseek leaves the entry in an error state, so only stored entries
+    // are ever asked to seek.
+    z->stored = z->f != nullptr && zip_stat_index(z->a, static_cast<zip_uint64_t>(z->idx), 0, &st) == 0 &&
+                (st.valid & ZIP_STAT_COMP_METHOD) && st.comp_method == ZIP_CM_STORE &&
+                (!(st.valid & ZIP_STAT_ENCRYPTION_METHOD) || st.encryption_method == ZIP_EM_NONE);
   }
   if (z->f == nullptr) LOG(LEVEL_ERROR, "could not find zip entry %s", entry);
   rw->size = rwZipSize;

@@ -27,13 +27,18 @@ struct CompCtx {
   CompFileChunk fileChunk;
 };
 
-// State of a zip stream.
+// State of a zip stream; `pos` is the position in the uncompressed entry.
 struct ZipCtx {
   zip_t* a = nullptr;
   zip_file_t* f = nullptr;
   int64_t idx = -1;
+  int64_t pos = 0;
+  bool stored = false;  // uncompressed: zip_fseek works
 };
 
+// Reads never go past the audio file's extent: a read crossing its end delivers the
+// whole objects that fit. Relative seeks are bounds-checked, absolute ones are not
+// (reads outside the extent answer end of stream).
 // Stream over audio file `index` of `sample` inside the container at `path`.
 SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index);
 // Stream over the zip entry named by `sample->samples[index]`.
@@ -47,7 +52,8 @@ Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence);
 size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum);
 int rwCompClose(SDL_RWops* ctx);
 Sint64 rwZipSize(SDL_RWops* ctx);
-// Returns zip_fseek's result (0 or -1), not the new position.
+// The new position, or -1. Compressed entries seek by reading (backwards: from the
+// start again).
 Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence);
 size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum);
 int rwZipClose(SDL_RWops* ctx);

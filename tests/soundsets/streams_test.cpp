@@ -1,0 +1,217 @@
+#include "soundsets/streams.h"
+
+#include <SDL2/SDL.h>
+#include <SDL2/SDL_mixer.h>
+#include <gtest/gtest.h>
+
+#include "core/log.h"
+#include "soundsets/xsnd.h"
+#include "storage_fixture.h"
+
+namespace korvo {
+namespace {
+
+using test::StorageFixture;
+
+// An xsnd container with two sounds: 1 = the tone, 2 = 300 bytes of a counting pattern.
+struct ContainerFixture : StorageFixture {
+  std::string path;
+  std::string pattern;
+  SampleIndex loaded{s};
+  ContainerFixture() {
+    for (int i = 0; i < 300; ++i) pattern += static_cast<char>(i & 0xFF);
+    addSound(1, SFX, "s1", {{"tone.ogg", test::toneOgg()}});
+    addSound(2, SFX, "s2", {{"pattern.raw", pattern}});
+    path = (tmp / "set.xsnd").string();
+    EXPECT_EQ(writeSamplesToBinary(idx, path, false), 0);
+    EXPECT_EQ(readSamplesFromBinary(loaded, path), 0);
+  }
+};
+
+// Creates a zip holding the tone twice: stored and deflated.
+std::string makeToneZip(const test::TempDir& tmp) {
+  std::string ogg = test::toneOgg();
+  std::string path = (tmp / "tones.zip").string();
+  int err = 0;
+  zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+  for (const char* name : {"music/stored.ogg", "music/deflated.ogg"}) {
+    zip_source_t* src = zip_source_buffer(za, ogg.data(), ogg.size(), 0);
+    zip_int64_t i = zip_file_add(za, name, src, 0);
+    zip_set_file_compression(za, static_cast<zip_uint64_t>(i),
+                             name[6] == 's' ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 9);
+  }
+  zip_close(za);
+  return path;
+}
+
+class MixerTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ASSERT_EQ(SDL_Init(SDL_INIT_AUDIO), 0) << SDL_GetError();
+    ASSERT_EQ(Mix_OpenAudio(22050, AUDIO_S16SYS, 2, 512), 0) << Mix_GetError();
+  }
+  static void TearDownTestSuite() {
+    Mix_CloseAudio();
+    SDL_Quit();
+  }
+  // Decodes through the stream (the mixer closes it); the decoded byte count.
+  static Uint32 decode(SDL_RWops* rw) {
+    Mix_Chunk* c = Mix_LoadWAV_RW(rw, 1);
+    if (c == nullptr) return 0;
+    Uint32 len = c->alen;
+    Mix_FreeChunk(c);
+    return len;
+  }
+};
+
+TEST(CompStream, WindowSizeReadAndSeekSemantics) {
+  ContainerFixture fx;
+  AudioSample* s = fx.loaded.getSampleForId(2);
+  ASSERT_TRUE(s);
+  SDL_RWops* rw = makeCompoundRW(fx.path.c_str(), s, 0);
+  ASSERT_TRUE(rw);
+  EXPECT_EQ(rw->type, 5u);
+  EXPECT_EQ(SDL_RWsize(rw), 300);
+  std::string buf(300, '\0');
+  EXPECT_EQ(SDL_RWread(rw, buf.data(), 1, 300), 300u);
+  EXPECT_EQ(buf, fx.pattern);
+  EXPECT_EQ(SDL_RWtell(rw), 300);
+  // Relative seeks stay inside the file; absolute ones may leave it.
+  EXPECT_EQ(SDL_RWseek(rw, 1, RW_SEEK_CUR), -1);
+  EXPECT_EQ(SDL_RWseek(rw, 310, RW_SEEK_SET), 310);
+  EXPECT_EQ(SDL_RWseek(rw, -10, RW_SEEK_END), 290);
+  EXPECT_EQ(SDL_RWseek(rw, -5, RW_SEEK_CUR), 285);
+  char one = 0;
+  EXPECT_EQ(SDL_RWread(rw, &one, 1, 1), 1u);
+  EXPECT_EQ(one, static_cast<char>(285 & 0xFF));
+  // 4096 single bytes with 100 left: exactly the 100, never the container's next bytes.
+  EXPECT_EQ(SDL_RWseek(rw, 200, RW_SEEK_SET), 200);
+  std::string big(4096, '\0');
+  EXPECT_EQ(SDL_RWread(rw, big.data(), 1, 4096), 100u);
+  EXPECT_EQ(big.substr(0, 100), fx.pattern.substr(200));
+  EXPECT_EQ(SDL_RWtell(rw), 300);
+  // Objects that do not fit whole are not handed out.
+  EXPECT_EQ(SDL_RWseek(rw, 290, RW_SEEK_SET), 290);
+  EXPECT_EQ(SDL_RWread(rw, big.data(), 4, 100), 2u);
+  // Past the extent (absolute seek) reads end the stream.
+  EXPECT_EQ(SDL_RWseek(rw, 310, RW_SEEK_SET), 310);
+  EXPECT_EQ(SDL_RWread(rw, big.data(), 1, 1), 0u);
+  // At the end every read answers end of stream.
+  EXPECT_EQ(SDL_RWseek(rw, 0, RW_SEEK_END), 300);
+  EXPECT_EQ(SDL_RWread(rw, big.data(), 1, 10), 0u);
+  // Writing is refused, not a crash.
+  EXPECT_EQ(SDL_RWwrite(rw, "x", 1, 1), 0u);
+  EXPECT_EQ(SDL_RWclose(rw), 0);
+}
+
+TEST(CompStream, BadIndexOrMissingContainerGivesAStreamThatReadsNothing) {
+  ContainerFixture fx;
+  AudioSample* s = fx.loaded.getSampleForId(2);
+  test::LogCapture cap;
+  SDL_RWops* rw = makeCompoundRW(fx.path.c_str(), s, 7);
+  ASSERT_TRUE(rw);
+  char b[16];
+  EXPECT_EQ(SDL_RWsize(rw), 0);
+  EXPECT_EQ(SDL_RWread(rw, b, 1, sizeof b), 0u);
+  SDL_RWclose(rw);
+  rw = makeCompoundRW((fx.tmp / "missing.xsnd").string().c_str(), s, 0);
+  ASSERT_TRUE(rw);
+  EXPECT_EQ(SDL_RWread(rw, b, 1, sizeof b), 0u);
+  EXPECT_EQ(SDL_RWseek(rw, 0, RW_SEEK_SET), -1);
+  SDL_RWclose(rw);
+  EXPECT_TRUE(cap.contains("no file chunk 7"));
+}
+
+TEST(ZipStream, SeekAnswersThePositionAndMissingEntriesReadNothing) {
+  test::TempDir tmp;
+  std::string zip = makeToneZip(tmp);
+  AudioSample s(1);
+  s.samples = {"music/stored.ogg", "music/none.ogg"};
+  SDL_RWops* rw = makeZipRW(zip.c_str(), &s, 0);
+  ASSERT_TRUE(rw);
+  EXPECT_EQ(SDL_RWsize(rw), static_cast<Sint64>(test::toneOgg().size()));
+  char head[4];
+  EXPECT_EQ(SDL_RWread(rw, head, 1, 4), 4u);
+  EXPECT_EQ(std::string(head, 4), "OggS");
+  EXPECT_EQ(SDL_RWseek(rw, 0, RW_SEEK_SET), 0);
+  EXPECT_EQ(SDL_RWread(rw, head, 1, 4), 4u);
+  EXPECT_EQ(std::string(head, 4), "OggS");
+  EXPECT_EQ(SDL_RWtell(rw), 4);  // the decoders take a seek by 0 as the position
+  EXPECT_EQ(SDL_RWseek(rw, 1, RW_SEEK_END), -1);
+  SDL_RWclose(rw);
+  test::LogCapture cap;
+  rw = makeZipRW(zip.c_str(), &s, 1);
+  ASSERT_TRUE(rw);
+  EXPECT_TRUE(cap.contains("could not find zip entry music/none.ogg"));
+  EXPECT_EQ(SDL_RWread(rw, head, 1, 4), 0u);
+  EXPECT_EQ(SDL_RWseek(rw, 0, RW_SEEK_SET), -1);
+  SDL_RWclose(rw);
+}
+
+TEST(ZipStream, CompressedEntriesSeekBothWays) {
+  test::TempDir tmp;
+  std::string zip = makeToneZip(tmp);
+  const std::string ogg = test::toneOgg();
+  AudioSample s(1);
+  s.samples = {"music/deflated.ogg"};
+  SDL_RWops* rw = makeZipRW(zip.c_str(), &s, 0);
+  ASSERT_TRUE(rw);
+  char b[8];
+  EXPECT_EQ(SDL_RWseek(rw, -8, RW_SEEK_END), static_cast<Sint64>(ogg.size() - 8));
+  EXPECT_EQ(SDL_RWread(rw, b, 1, 8), 8u);
+  EXPECT_EQ(std::string(b, 8), ogg.substr(ogg.size() - 8));
+  EXPECT_EQ(SDL_RWseek(rw, 100, RW_SEEK_SET), 100);
+  EXPECT_EQ(SDL_RWread(rw, b, 1, 8), 8u);
+  EXPECT_EQ(std::string(b, 8), ogg.substr(100, 8));
+  EXPECT_EQ(SDL_RWseek(rw, -50, RW_SEEK_CUR), 58);
+  EXPECT_EQ(SDL_RWread(rw, b, 1, 8), 8u);
+  EXPECT_EQ(std::string(b, 8), ogg.substr(58, 8));
+  SDL_RWclose(rw);
+}
+
+TEST(StdioStream, SizeSeekReadOverAnOpenFile) {
+  test::TempDir tmp;
+  test::writeFile(tmp / "f.bin", "0123456789");
+  FILE* f = fopen((tmp / "f.bin").c_str(), "rb");
+  SDL_RWops* rw = RWFromFP(f, true);
+  ASSERT_TRUE(rw);
+  EXPECT_EQ(rw->type, 2u);
+  EXPECT_EQ(SDL_RWseek(rw, 3, RW_SEEK_SET), 3);
+  EXPECT_EQ(SDL_RWsize(rw), 10);
+  EXPECT_EQ(SDL_RWtell(rw), 3);  // size leaves the position alone
+  char b[4] = {};
+  EXPECT_EQ(SDL_RWread(rw, b, 2, 2), 2u);
+  EXPECT_EQ(std::string(b, 4), "3456");
+  EXPECT_EQ(SDL_RWseek(rw, -1, RW_SEEK_SET), -1);
+  EXPECT_EQ(SDL_RWclose(rw), 0);
+}
+
+TEST_F(MixerTest, OggDecodesThroughEveryStreamKind) {
+  ContainerFixture fx;
+  Uint32 direct = decode(SDL_RWFromFile((fx.tmp / "s1/tone.ogg").c_str(), "rb"));
+  ASSERT_GT(direct, 0u) << Mix_GetError();
+  // Container window.
+  EXPECT_EQ(decode(makeCompoundRW(fx.path.c_str(), fx.loaded.getSampleForId(1), 0)), direct) << Mix_GetError();
+  // Zip entries, stored and deflated.
+  std::string zip = makeToneZip(fx.tmp);
+  AudioSample z(9);
+  z.samples = {"music/stored.ogg", "music/deflated.ogg"};
+  EXPECT_EQ(decode(makeZipRW(zip.c_str(), &z, 0)), direct) << Mix_GetError();
+  EXPECT_EQ(decode(makeZipRW(zip.c_str(), &z, 1)), direct) << Mix_GetError();
+  // Plain file.
+  EXPECT_EQ(decode(RWFromFP(fopen((fx.tmp / "s1/tone.ogg").c_str(), "rb"), true)), direct) << Mix_GetError();
+  // A WAV made here decodes through the container as well.
+  StorageFixture wf;
+  wf.addSound(4, SFX, "w", {{"w.wav", test::makeWav(2205)}});
+  std::string wpath = (wf.tmp / "w.xsnd").string();
+  ASSERT_EQ(writeSamplesToBinary(wf.idx, wpath, false), 0);
+  SampleIndex back(wf.s);
+  ASSERT_EQ(readSamplesFromBinary(back, wpath), 0);
+  EXPECT_GT(decode(makeCompoundRW(wpath.c_str(), back.getSampleForId(4), 0)), 0u) << Mix_GetError();
+  // A broken stream makes the load fail cleanly.
+  test::LogCapture cap;
+  EXPECT_EQ(decode(makeCompoundRW(fx.path.c_str(), fx.loaded.getSampleForId(2), 0)), 0u);
+}
+
+}  // namespace
+}  // namespace korvo

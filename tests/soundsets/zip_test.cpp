@@ -1,0 +1,144 @@
+#include "soundsets/unzip.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/log.h"
+#include "support/testutil.h"
+
+namespace korvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Writes an archive with the given entries (name -> content); names ending in "/"
+// become directory entries. Names go in as they are, hostile ones included.
+void makeZip(const std::string& path, const std::vector<std::pair<std::string, std::string>>& entries) {
+  int err = 0;
+  zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+  ASSERT_TRUE(za);
+  for (const auto& [name, content] : entries) {
+    if (!name.empty() && name.back() == '/') {
+      zip_dir_add(za, name.c_str(), ZIP_FL_ENC_RAW);
+      continue;
+    }
+    auto* copy = new std::string(content);  // libzip reads it at close
+    zip_source_t* src = zip_source_buffer(za, copy->data(), copy->size(), 0);
+    ASSERT_GE(zip_file_add(za, name.c_str(), src, ZIP_FL_ENC_RAW), 0) << name;
+    static std::vector<std::unique_ptr<std::string>> keep;
+    keep.emplace_back(copy);
+  }
+  ASSERT_EQ(zip_close(za), 0);
+}
+
+std::vector<std::string> treeOf(const fs::path& root) {
+  std::vector<std::string> out;
+  for (auto& e : fs::recursive_directory_iterator(root)) out.push_back(fs::relative(e.path(), root).string());
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST(PrefixDir, JoinsWithExactlyOneSlash) {
+  EXPECT_EQ(prefixDir(nullptr, "a.ogg"), "a.ogg");
+  EXPECT_EQ(prefixDir("", "a.ogg"), "a.ogg");
+  EXPECT_EQ(prefixDir("/x/", "a.ogg"), "/x/a.ogg");
+  EXPECT_EQ(prefixDir("/x", "a.ogg"), "/x/a.ogg");
+}
+
+TEST(Zip, PackThenUnpackKeepsTheTreeSkippingHiddenDirectories) {
+  test::TempDir tmp;
+  fs::path src = tmp / "set";
+  test::writeFile(src / "music/1-theme/a.ogg", "AAAA");
+  test::writeFile(src / "sfx/2-boom/b.ogg", std::string(100000, 'b'));  // many 100-byte blocks
+  test::writeFile(src / ".hidden-file", "h");
+  test::writeFile(src / ".git/config", "secret");
+  fs::create_directories(src / "empty");
+  std::string archive = (tmp / "set.zip").string();
+  ASSERT_EQ(pack_zip(archive.c_str(), src.c_str()), 0);
+
+  fs::path out = tmp / "out";
+  fs::create_directories(out);
+  ASSERT_EQ(unzip(archive.c_str(), out.c_str()), UNZIP_OK);
+  EXPECT_EQ(treeOf(out), (std::vector<std::string>{".hidden-file", "empty", "music", "music/1-theme",
+                                                   "music/1-theme/a.ogg", "sfx", "sfx/2-boom", "sfx/2-boom/b.ogg"}));
+  EXPECT_EQ(test::readFile(out / "sfx/2-boom/b.ogg"), std::string(100000, 'b'));
+  EXPECT_EQ(fs::status(out / "music/1-theme/a.ogg").permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+}
+
+TEST(Zip, EntriesWithoutDirectoryEntriesGetTheirParentsMade) {
+  test::TempDir tmp;
+  std::string archive = (tmp / "a.zip").string();
+  makeZip(archive, {{"music/1-a/x.ogg", "xx"}});
+  ASSERT_EQ(unzip(archive.c_str(), (tmp / "t").c_str()), UNZIP_OK);
+  EXPECT_EQ(test::readFile(tmp / "t/music/1-a/x.ogg"), "xx");
+}
+
+TEST(Zip, PackRefusesAnExistingArchive) {
+  test::TempDir tmp;
+  test::writeFile(tmp / "d/f", "f");
+  test::writeFile(tmp / "old.zip", "precious");
+  test::LogCapture cap;
+  EXPECT_NE(pack_zip((tmp / "old.zip").c_str(), (tmp / "d").c_str()), 0);
+  EXPECT_TRUE(cap.contains("open zip archive:"));
+  EXPECT_EQ(test::readFile(tmp / "old.zip"), "precious");
+}
+
+TEST(ZipBadInput, EntriesLeavingTheTargetAreRefusedBeforeAnythingIsWritten) {
+  for (std::string evil : {"../evil.txt", "/tmp/korvo-abs-evil.txt", "ok/../../evil.txt", ".."}) {
+    test::TempDir tmp;
+    std::string archive = (tmp / "evil.zip").string();
+    makeZip(archive, {{"good.txt", "fine"}, {evil, "pwned"}});
+    fs::path target = tmp / "deep/target";
+    fs::create_directories(target);
+    test::LogCapture cap;
+    EXPECT_EQ(unzip(archive.c_str(), target.c_str()), UNZIP_DEST_CREATE) << evil;
+    EXPECT_TRUE(cap.contains("leaves the target directory")) << evil;
+    EXPECT_TRUE(treeOf(target).empty()) << evil;
+    EXPECT_FALSE(fs::exists(tmp / "deep/evil.txt"));
+    EXPECT_FALSE(fs::exists(tmp / "evil.txt"));
+    EXPECT_FALSE(fs::exists("/tmp/korvo-abs-evil.txt"));
+  }
+}
+
+TEST(ZipBadInput, NotAnArchiveAndDamagedEntries) {
+  test::TempDir tmp;
+  test::writeFile(tmp / "junk.zip", "this is not a zip archive at all");
+  {
+    test::LogCapture cap;
+    EXPECT_EQ(unzip((tmp / "junk.zip").c_str(), tmp.str().c_str()), UNZIP_ARCHIVE);
+    EXPECT_TRUE(cap.contains("can't open zip archive `"));
+    EXPECT_TRUE(cap.contains("/n"));
+  }
+  // Damage the stored bytes of the second entry: its checksum fails.
+  std::string archive = (tmp / "crc.zip").string();
+  makeZip(archive, {{"a.txt", "first file"}, {"b.txt", std::string(5000, 'z')}});
+  std::string bytes = test::readFile(archive);
+  auto at = bytes.find("b.txt");
+  ASSERT_NE(at, std::string::npos);
+  bytes[at + 5 + 10] = static_cast<char>(bytes[at + 5 + 10] ^ 0x55);
+  test::writeFile(archive, bytes);
+  fs::path target = tmp / "t";
+  fs::create_directories(target);
+  test::writeFile(target / "b.txt", "keep me");
+  test::LogCapture cap;
+  int rc = unzip(archive.c_str(), target.c_str());
+  EXPECT_EQ(rc, UNZIP_ENTRY_READ);
+  EXPECT_TRUE(cap.contains("zip corrupt?"));
+  EXPECT_EQ(test::readFile(target / "a.txt"), "first file");  // written before the error
+  EXPECT_EQ(test::readFile(target / "b.txt"), "keep me");     // never half-overwritten
+  EXPECT_EQ(treeOf(target), (std::vector<std::string>{"a.txt", "b.txt"}));
+}
+
+TEST(ContainedPath, RefusesAbsoluteAndClimbingNames) {
+  EXPECT_TRUE(isContainedPath("a/b.ogg"));
+  EXPECT_TRUE(isContainedPath("a..b/c"));
+  EXPECT_TRUE(isContainedPath("./a"));
+  EXPECT_FALSE(isContainedPath("/etc/passwd"));
+  EXPECT_FALSE(isContainedPath("a/../../b"));
+  EXPECT_FALSE(isContainedPath("a/.."));
+}
+
+}  // namespace
+}  // namespace korvo
