@@ -72,7 +72,7 @@ bool parseHexId(std::string_view text, uint32_t& id) {
   if (text.size() > 8) return false;
   uint32_t v = 0;
   for (char c : text) {
-    int d = hexToInt(c);
+    int d = (c >= '0' && c <= '9') ? c - '0' : (c >= 'a' && c <= 'f') ? c - 'a' + 10 : (c >= 'A' && c <= 'F') ? c - 'A' + 10 : -1;
     if (d < 0) return false;
     v = (v << 4) | static_cast<uint32_t>(d);
   }

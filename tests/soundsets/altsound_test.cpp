@@ -1,0 +1,279 @@
+#include "soundsets/altsound.h"
+
+#include <gtest/gtest.h>
+
+#include "core/log.h"
+#include "soundsets/altsound_table.h"
+#include "storage_fixture.h"
+
+namespace korvo {
+namespace {
+
+using test::StorageFixture;
+
+// An 8-column pack as Windows tools write them: BOM, CRLF, quoted header and names,
+// ids with and without 0x, backslashes, file names in another case, rows of one id
+// apart, garbage rows and a file that is missing.
+const char* const kPack8 =
+    "\xEF\xBB\xBF\"ID\",\"CHANNEL\",\"DUCK\",\"GAIN\",\"LOOP\",\"STOP\",\"NAME\",\"FNAME\"\r\n"
+    "0x0001,0,100,80,100,0,\"Main Theme\",\"music\\01_Main_Theme.ogg\"\r\n"
+    "0x0002,,40,,0,0,\"Hello, World\",\"sfx\\hello1.ogg\"\r\n"
+    "\r\n"
+    "this row is garbage\r\n"
+    "0003,1,20,30,0,1,\"Single\",\"sfx\\single.ogg\"\r\n"
+    "0x0002,,40,,0,0,\"Hello, World\",\"SFX\\HELLO2.OGG\"\r\n"
+    "0x00zz,1,1,1,0,0,\"bad id\",\"sfx\\hello1.ogg\"\r\n"
+    "0x0004,1,-1,60,0,0,\"Jingle \"\"J\"\"\",\"sfx\\gone.ogg\"\r\n"
+    "0x0005,2,,,0,0,NoFile,\r\n"
+    "0x0006,2,10,10,0,0,Evil,\"..\\..\\etc\\passwd\"\r\n";
+
+// A 13-column pack with the optional columns, LF line ends, no header quoting.
+const char* const kPack13 =
+    "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOP CMD\n"
+    "0x10,0,50,150,100,0,Theme,theme.ogg,1,,,1,\n"
+    "0x11,2,70,40,0,0,Boom,boom.ogg,2,\"100,200,300\",P1;P2,0,0x10\n"
+    "0x12,,-5,50,0,0,Pause,pause.ogg,2,,,0,\n";
+
+struct PackFixture : StorageFixture {
+  std::string dir;
+  explicit PackFixture(const std::string& csv, const char* name = "altsound.csv") {
+    dir = (tmp / "pack").string();
+    for (const char* f : {"music/01_main_theme.ogg", "Sfx/Hello1.ogg", "Sfx/hello2.ogg", "Sfx/single.ogg", "theme.ogg",
+                          "boom.ogg", "pause.ogg"})
+      test::writeFile(tmp / "pack" / f, std::string("audio:") + f);
+    test::writeFile(tmp / "pack" / name, csv);
+  }
+  std::string csvPath() const { return dir + "/altsound.csv"; }
+};
+
+TEST(AltsoundRead, EightColumnPackFromWindows) {
+  PackFixture fx(kPack8);
+  test::LogCapture cap(LEVEL_WARN);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 4);
+  AudioSample* theme = fx.idx.getSampleForId(1);
+  ASSERT_TRUE(theme);
+  EXPECT_EQ(theme->type, MUSIC);
+  EXPECT_EQ(theme->gain, 80u);
+  EXPECT_EQ(theme->ducking, 100u);
+  EXPECT_EQ(theme->name, "Main Theme");
+  EXPECT_EQ(theme->basepath, fx.dir);
+  EXPECT_EQ(theme->samples, std::vector<std::string>{fx.dir + "/music/01_main_theme.ogg"});
+  EXPECT_EQ(theme->size, std::string("audio:music/01_main_theme.ogg").size());
+  AudioSample* hello = fx.idx.getSampleForId(2);
+  ASSERT_TRUE(hello);
+  EXPECT_EQ(hello->type, SFX);  // empty CHANNEL
+  EXPECT_EQ(hello->name, "Hello, World");
+  EXPECT_EQ(hello->gain, 50u);
+  EXPECT_TRUE(hello->gaindefault);
+  EXPECT_EQ(hello->ducking, 40u);
+  EXPECT_EQ(hello->samples, (std::vector<std::string>{fx.dir + "/Sfx/Hello1.ogg", fx.dir + "/Sfx/hello2.ogg"}));
+  EXPECT_EQ(hello->chunk.size(), 2u);
+  EXPECT_EQ(fx.idx.getSampleForId(3)->type, SINGLE);
+  AudioSample* jingle = fx.idx.getSampleForId(4);
+  ASSERT_TRUE(jingle);
+  EXPECT_EQ(jingle->type, JINGLE);
+  EXPECT_EQ(jingle->ducking, 100u);  // "pause the music"
+  EXPECT_EQ(jingle->name, "Jingle \"J\"");
+  EXPECT_EQ(jingle->samples.size(), 1u);  // the missing file's row stays
+  EXPECT_EQ(fx.idx.getSampleForId(5), nullptr);
+  EXPECT_EQ(fx.idx.getSampleForId(6), nullptr);
+  const std::string log = cap.text();
+  EXPECT_NE(log.find("altsound.csv:5: skipping row with bad id 'this row is garbage'"), std::string::npos) << log;
+  EXPECT_NE(log.find("altsound.csv:8: skipping row with bad id '0x00zz'"), std::string::npos);
+  EXPECT_NE(log.find("altsound.csv:9: file '"), std::string::npos);
+  EXPECT_NE(log.find("altsound.csv:10: skipping row without FNAME"), std::string::npos);
+  EXPECT_NE(log.find("altsound.csv:11: skipping row with bad file name"), std::string::npos);
+}
+
+TEST(AltsoundRead, ThirteenColumnPackWithOptionalColumns) {
+  PackFixture fx(kPack13);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  AudioSample* theme = fx.idx.getSampleForId(0x10);
+  ASSERT_TRUE(theme);
+  EXPECT_EQ(theme->gain, 100u);  // clamped
+  EXPECT_EQ(theme->ducking, 100u);  // music
+  EXPECT_TRUE(theme->preload);
+  AudioSample* boom = fx.idx.getSampleForId(0x11);
+  EXPECT_EQ(boom->type, SFX);
+  EXPECT_EQ(boom->shakersequence, (std::vector<uint32_t>{100, 200, 300}));
+  EXPECT_EQ(boom->serialcmd, "P1;P2");
+  EXPECT_FALSE(boom->preload);
+  EXPECT_EQ(fx.idx.getSampleForId(0x12)->ducking, 100u);
+  // A TYPE column wins over CHANNEL.
+  PackFixture typed("ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,TYPE\n0x20,0,30,50,0,0,V,boom.ogg,voice\n");
+  ASSERT_EQ(readSamplesFromCsv(typed.idx, typed.dir), 0);
+  EXPECT_EQ(typed.idx.getSampleForId(0x20)->type, VOICE);
+  EXPECT_EQ(typed.idx.getSampleForId(0x20)->ducking, 30u);
+  // Without a header the standard order applies; empty DUCK takes the type's default.
+  PackFixture bare("0x30,1,,70,0,0,J,boom.ogg\n");
+  ASSERT_EQ(readSamplesFromCsv(bare.idx, bare.dir), 0);
+  EXPECT_EQ(bare.idx.getSampleForId(0x30)->type, JINGLE);
+  EXPECT_EQ(bare.idx.getSampleForId(0x30)->ducking, 10u);
+  EXPECT_TRUE(bare.idx.getSampleForId(0x30)->duckingdefault);
+}
+
+TEST(AltsoundWrite, ColumnUpdateChangesOnlyThatFieldInEveryRowOfTheId) {
+  PackFixture fx(kPack8);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  AudioSample* hello = fx.idx.getSampleForId(2);
+  ASSERT_EQ(updateCsvColumn(*hello, SampleIndex::CSV_GAIN, "75"), 0);
+  std::string want = kPack8;
+  for (std::size_t at; (at = want.find("0x0002,,40,,0,0")) != std::string::npos;) want.replace(at, 15, "0x0002,,40,75,0,0");
+  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+  // A quoted field stays quoted; a value with a comma gets quotes.
+  ASSERT_EQ(updateCsvColumn(*hello, SampleIndex::CSV_NAME, "Bye, \"all\""), 0);
+  for (std::size_t at; (at = want.find("\"Hello, World\"")) != std::string::npos;) want.replace(at, 14, "\"Bye, \"\"all\"\"\"");
+  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+  // The edited table reads back with the new values.
+  SampleIndex again(fx.s);
+  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
+  EXPECT_EQ(again.getSampleForId(2)->gain, 75u);
+  EXPECT_EQ(again.getSampleForId(2)->name, "Bye, \"all\"");
+  // An id without rows changes nothing.
+  AudioSample stranger(0x77);
+  stranger.basepath = fx.dir;
+  test::LogCapture cap;
+  EXPECT_EQ(updateCsvColumn(stranger, SampleIndex::CSV_GAIN, "1"), 1);
+  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+}
+
+TEST(AltsoundWrite, MissingColumnsExtendTheHeaderAndPadRows) {
+  PackFixture fx(
+      "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\n"
+      "0x10,0,50,50,100,0,Theme,theme.ogg\n"
+      "0x11,2,70,40,0,0,Boom,boom.ogg");  // no line end on the last row
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  ASSERT_EQ(updateCsvColumn(*fx.idx.getSampleForId(0x11), SampleIndex::CSV_SERIAL, "S1"), 0);
+  EXPECT_EQ(test::readFile(fx.csvPath()),
+            "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL\n"
+            "0x10,0,50,50,100,0,Theme,theme.ogg,,,\n"
+            "0x11,2,70,40,0,0,Boom,boom.ogg,,,S1");
+  AudioSample* boom = fx.idx.getSampleForId(0x11);
+  boom->type = MUSIC;
+  ASSERT_EQ(updateCsvType(*boom), 0);
+  EXPECT_EQ(test::readFile(fx.csvPath()),
+            "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n"
+            "0x10,0,50,50,100,0,Theme,theme.ogg,,,,,,\n"
+            "0x11,0,100,40,100,0,Boom,boom.ogg,,,S1,,,music");
+  boom->type = SINGLE;
+  ASSERT_EQ(updateCsvType(*boom), 0);
+  SampleIndex again(fx.s);
+  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
+  EXPECT_EQ(again.getSampleForId(0x11)->type, SINGLE);
+  EXPECT_EQ(again.getSampleForId(0x11)->serialcmd, "S1");
+}
+
+TEST(AltsoundWrite, RefreshAddsRowsAfterTheIdsLastRowAndDropsRemovedFiles) {
+  PackFixture fx(kPack8);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  AudioSample* hello = fx.idx.getSampleForId(2);
+  test::writeFile(fx.tmp / "pack/new.ogg", "new");
+  hello->samples.push_back(fx.dir + "/new.ogg");
+  ASSERT_EQ(refreshCsvTable(*hello), 0);
+  std::string want = kPack8;
+  const std::string second = "0x0002,,40,,0,0,\"Hello, World\",\"SFX\\HELLO2.OGG\"\r\n";
+  want.insert(want.find(second) + second.size(), "0x0002,,40,,0,0,\"Hello, World\",\"new.ogg\"\r\n");
+  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+  // Remove the first file: its row goes, every other row stays.
+  hello->samples.erase(hello->samples.begin());
+  ASSERT_EQ(refreshCsvTable(*hello), 0);
+  const std::string first = "0x0002,,40,,0,0,\"Hello, World\",\"sfx\\hello1.ogg\"\r\n";
+  want.erase(want.find(first), first.size());
+  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+  SampleIndex again(fx.s);
+  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
+  EXPECT_EQ(again.getSampleForId(2)->samples, (std::vector<std::string>{fx.dir + "/Sfx/hello2.ogg", fx.dir + "/new.ogg"}));
+}
+
+TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
+  StorageFixture fx;
+  std::string dir = (fx.tmp / "g").string();
+  test::writeFile(fx.tmp / "g/g-sound.csv",
+                  "ID,TYPE,GAIN,DUCKING_PROFILE,FNAME\r\n"
+                  "0x01,music,80,0,m.ogg\r\n"
+                  "0x02,callout,60,1,c.ogg\r\n"
+                  "0x03,sfx,40,2,s.ogg\r\n"
+                  "0x04,solo,40,0,s.ogg\r\n"
+                  "0x05,overlay,40,0,s.ogg\r\n");
+  test::writeFile(fx.tmp / "g/AltSound.ini",
+                  "[format]\nformat = g-sound\n[callout_ducking_profiles]\nducking_profile1 = sfx:65, music:50\n"
+                  "[sfx_ducking_profiles]\nducking_profile2 = callout:10\n");
+  for (const char* f : {"m.ogg", "c.ogg", "s.ogg"}) test::writeFile(fx.tmp / "g" / f, "x");
+  test::writeFile(fx.tmp / "g/altsound.csv", "0x09,0,0,0,0,0,x,m.ogg\n");
+  bool gsound = false;
+  EXPECT_EQ(findCsvTable(dir, &gsound), dir + "/g-sound.csv");
+  EXPECT_TRUE(gsound);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
+  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 5);
+  EXPECT_EQ(fx.idx.getSampleForId(1)->type, MUSIC);
+  EXPECT_EQ(fx.idx.getSampleForId(2)->type, VOICE);
+  EXPECT_EQ(fx.idx.getSampleForId(2)->ducking, 50u);
+  EXPECT_EQ(fx.idx.getSampleForId(3)->ducking, 100u);  // no music entry
+  EXPECT_EQ(fx.idx.getSampleForId(4)->type, SINGLE);
+  EXPECT_EQ(fx.idx.getSampleForId(5)->type, JINGLE);
+  EXPECT_EQ(fx.idx.getSampleForId(2)->gain, 60u);
+  const std::string before = test::readFile(fx.tmp / "g/g-sound.csv");
+  EXPECT_EQ(updateCsvColumn(*fx.idx.getSampleForId(2), SampleIndex::CSV_GAIN, "1"), 2);
+  EXPECT_EQ(test::readFile(fx.tmp / "g/g-sound.csv"), before);
+  // The ini can choose the other table.
+  test::writeFile(fx.tmp / "g/AltSound.ini", "[format]\nformat = altsound\n");
+  EXPECT_EQ(findCsvTable(dir, &gsound), dir + "/altsound.csv");
+  EXPECT_FALSE(gsound);
+}
+
+TEST(AltsoundExport, ExportedPackReadsBackTheSameSounds) {
+  PackFixture fx(kPack13);
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  fx.idx.getSampleForId(0x11)->name = "Boom, big";
+  std::string out = (fx.tmp / "export").string();
+  std::filesystem::create_directories(out);
+  ASSERT_EQ(writeSamplesToCsv(fx.idx, out + "/altsound.csv", fx.dir, true), 0);
+  const std::string csv = test::readFile(out + "/altsound.csv");
+  EXPECT_EQ(csv.substr(0, csv.find('\n')),
+            "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE");
+  EXPECT_NE(csv.find("0x0011,,70,40,0,0,\"Boom, big\",0x0011-boom.ogg,,\"100,200,300\",P1;P2,0,,sfx\n"), std::string::npos)
+      << csv;
+  EXPECT_EQ(test::readFile(out + "/0x0010-theme.ogg"), "audio:theme.ogg");
+  SampleIndex back(fx.s);
+  ASSERT_EQ(readSamplesFromCsv(back, out), 0);
+  ASSERT_EQ(back.samplesMap.mapSize(), 3);
+  for (unsigned id : {0x10u, 0x11u, 0x12u}) {
+    AudioSample* a = fx.idx.getSampleForId(id);
+    AudioSample* b = back.getSampleForId(id);
+    ASSERT_TRUE(b) << id;
+    EXPECT_EQ(a->type, b->type);
+    EXPECT_EQ(a->gain, b->gain);
+    EXPECT_EQ(a->ducking, b->ducking);
+    EXPECT_EQ(a->name, b->name);
+    EXPECT_EQ(a->shakersequence, b->shakersequence);
+    EXPECT_EQ(test::readFile(a->samples[0]), test::readFile(b->samples[0]));
+  }
+  // Without copying, FNAME is relative to the base path.
+  ASSERT_EQ(writeSamplesToCsv(fx.idx, out + "/plain.csv", fx.dir, false), 0);
+  EXPECT_NE(test::readFile(out + "/plain.csv").find(",theme.ogg,"), std::string::npos);
+}
+
+TEST(AltsoundBadInput, GarbageTablesNeverCrashAndLeaveTheMapWhenUnreadable) {
+  StorageFixture fx;
+  fx.addSound(1, SFX, "keep", {{"k.ogg", "k"}});
+  std::string dir = (fx.tmp / "empty").string();
+  std::filesystem::create_directories(dir);
+  test::LogCapture cap;
+  EXPECT_EQ(readSamplesFromCsv(fx.idx, dir), -1);
+  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 1);
+  test::writeFile(fx.tmp / "empty/ALTSOUND.CSV", std::string("\"unterminated,,,\n\0\0\xff,\"\",,,,,,,,,,,,,,,,,,\n,,,\n", 40));
+  EXPECT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
+  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 0);
+  std::vector<CsvField> f = splitCsvLine(" a , \"b,\"\"c\" ,d");
+  ASSERT_EQ(f.size(), 3u);
+  EXPECT_EQ(f[1].value, "b,\"c");
+  uint32_t id = 0;
+  EXPECT_TRUE(parseHexId("0X00001a", id));
+  EXPECT_EQ(id, 0x1Au);
+  EXPECT_FALSE(parseHexId("0x123456789", id));
+  EXPECT_FALSE(parseHexId("-1", id));
+}
+
+}  // namespace
+}  // namespace korvo
