@@ -336,7 +336,7 @@ int SoundEngine::reopenAudioDevice(int n) {
   deviceIndex_ = n;
   setVolumeInternalLocked(settings_.volume.load());
   settings_.audioDevice.set(wanted);
-  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
+  persistSettings();
   applyStoredControls();
   playSystemSoundLocked(&lk, "ready.ogg", 0);
   return n;
@@ -359,11 +359,24 @@ int SoundEngine::setControlValue(int numid, int index, long value) {
                               ? devices[static_cast<std::size_t>(deviceIndex_)].name
                               : std::string("default");
   if (setValueForControl(pcm, numid, index, value) != 0) return -1;
+  storedControls_[controlKey(numid, index)] = value;
   const std::string key = controlKey(numid, index) + "=";
   const std::string line = key + strFormat("%ld", value);
   if (updateConfigFile(vaIniPath_.c_str(), key.c_str(), line.c_str()) != 0)
     LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), vaIniPath_.c_str());
   return 0;
+}
+
+void SoundEngine::persistSettings() {
+  if (!hooks_.writeSettings) return;
+  defer([this, path = vaIniPath_, controls = storedControls_] {
+    hooks_.writeSettings();
+    for (const auto& [key, value] : controls) {
+      const std::string line = strFormat("%s=%ld", key.c_str(), value);
+      if (updateConfigFile(path.c_str(), (key + "=").c_str(), line.c_str()) != 0)
+        LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), path.c_str());
+    }
+  });
 }
 
 void SoundEngine::applyStoredControls() {
@@ -378,7 +391,9 @@ void SoundEngine::applyStoredControls() {
   while (std::getline(in, line)) {
     int numid = 0, index = 0;
     long value = 0;
-    if (parseControlLine(line, &numid, &index, &value)) setValueForControl(pcm, numid, index, value);
+    if (!parseControlLine(line, &numid, &index, &value)) continue;
+    storedControls_[controlKey(numid, index)] = value;
+    setValueForControl(pcm, numid, index, value);
   }
 }
 

@@ -285,7 +285,7 @@ void SoundEngine::volumeChanged(bool showDisplay) {
     const std::string line = strFormat("M: %-11s V: %d", protocolName(settings_.protocol.load()), volume);
     defer([this, line] { hooks_.showDisplayLine(0, 40, line); });
   }
-  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
+  persistSettings();
 }
 
 }  // namespace korvo

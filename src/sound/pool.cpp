@@ -207,7 +207,7 @@ int SoundEngine::removeSoundSet(int number) {
   if (rc != 0) return rc;
   if (requested > 0) {
     settings_.soundSet.store(requested);
-    if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
+    persistSettings();
     if (SoundSet* s = catalogue_.get(requested)) {
       loadSoundSetLocked(lk, s, requested);
     } else {
@@ -244,7 +244,7 @@ int SoundEngine::switchToSoundSetLocked(Lock& lk, int set) {
   const int rc = loadSoundSetLocked(lk, target, set);
   if (rc == 2) return 1;  // nothing changed: the old set still plays
   settings_.soundSet.store(set);
-  if (hooks_.writeSettings) defer([this] { hooks_.writeSettings(); });
+  persistSettings();
   return rc == 0 ? 0 : 1;
 }
 

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -320,6 +321,9 @@ class SoundEngine {
   void waitForPrompt(Lock* lk, double durationSec);
   void stopSystemSoundLocked();
 
+  // Queues the "va.ini" write (hook), then puts the mixer control lines back: the
+  // settings writer knows only its own keys.
+  void persistSettings();
   int openDevice(const std::string& device);
   void closeDevice();
   void applyStoredControls();
@@ -354,6 +358,7 @@ class SoundEngine {
   int deviceIndex_ = 0;
   int channels_ = 2;
   std::string vaIniPath_ = "va.ini";
+  std::map<std::string, long> storedControls_;  // "numid3_0" -> value, as in va.ini
   bool deviceOpen_ = false;
   bool sdlAudioInit_ = false;
 

@@ -119,3 +119,28 @@ TEST(AudioDevices, ListControlsAndSettingsLines) {
 
 }  // namespace
 }  // namespace korvo
+
+namespace korvo {
+namespace {
+
+// Volume changes rewrite va.ini through the settings writer; the mixer control lines
+// read from it at start survive every rewrite.
+TEST_F(SystemSounds, ControlLinesSurviveSettingsWrites) {
+  const auto va = dir.path() / "va.ini";
+  test::writeFile(va, "volume=30\nnumid3_0=180\nnumid5_1=1\n");
+  Configuration cfg(settings);
+  setenv("SDL_AUDIODRIVER", "disk", 1);
+  setenv("SDL_DISKAUDIOFILE", "/dev/null", 1);
+  engine = std::make_unique<SoundEngine>();
+  engine->setTransientSettingsFile(va.string());
+  engine->hooks().writeSettings = [&] { cfg.writeSettings(va.c_str()); };
+  ASSERT_EQ(0, engine->soundInit(20, base.c_str(), 2, 44100));
+  EXPECT_EQ(0, engine->setVolume(77));
+  const std::string text = test::readFile(va);
+  EXPECT_NE(std::string::npos, text.find("volume=77")) << text;
+  EXPECT_NE(std::string::npos, text.find("numid3_0=180")) << text;
+  EXPECT_NE(std::string::npos, text.find("numid5_1=1")) << text;
+}
+
+}  // namespace
+}  // namespace korvo
