@@ -16,9 +16,12 @@ namespace korvo {
 
 namespace {
 
-// Drops the last file of the sound (the count decrease that follows a removal).
+// Drops the last file of the sound (the count decrease that follows a removal). A
+// released path left at the end by the move-down is dropped as well, so no caller
+// ever plays an empty name; the set's reload restores the full list from disk.
 void dropLastFile(AudioSample& s) {
   if (!s.samples.empty()) s.samples.pop_back();
+  while (!s.samples.empty() && s.samples.back().empty()) s.samples.pop_back();
   if (s.chunk.size() > s.samples.size()) s.chunk.resize(s.samples.size());
 }
 

@@ -1,0 +1,178 @@
+#include "soundsets/editing.h"
+
+#include <gtest/gtest.h>
+
+#include "core/log.h"
+#include "soundsets/altsound.h"
+#include "soundsets/streams.h"
+#include "soundsets/xsnd.h"
+#include "storage_fixture.h"
+
+namespace korvo {
+namespace {
+
+using test::StorageFixture;
+
+std::vector<std::string> namesOf(const AudioSample& s) {
+  std::vector<std::string> out;
+  for (const auto& p : s.samples) out.push_back(p.substr(p.find_last_of('/') + 1));
+  return out;
+}
+
+TEST(RemoveFromRecord, KeepsTheHistoricalMoveDown) {
+  AudioSample s(1);
+  s.samples = {"a", "b", "c"};
+  s.syncChunks();
+  removeSampleFromAudioSample(s, 2);
+  s.samples.pop_back();
+  EXPECT_EQ(s.samples, (std::vector<std::string>{"a", "b"}));
+  s.samples = {"a", "b", "c"};
+  removeSampleFromAudioSample(s, 0);
+  s.samples.pop_back();
+  EXPECT_EQ(s.samples, (std::vector<std::string>{"b", "b"}));
+  // The move stops one place early: the middle of three keeps the released (empty)
+  // path at the new end. The removal handlers drop it (see below).
+  s.samples = {"a", "b", "c"};
+  removeSampleFromAudioSample(s, 1);
+  s.samples.pop_back();
+  EXPECT_EQ(s.samples, (std::vector<std::string>{"a", ""}));
+}
+
+TEST(RemoveFromRecord, HandlersNeverLeaveAReleasedPath) {
+  StorageFixture fx;
+  fx.idx.setType = ALTSOUND;  // the audio stays on disk
+  test::writeFile(fx.tmp / "alt/altsound.csv", "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\n");
+  AudioSample* s = fx.addSound(1, SFX, "alt", {{"a.ogg", "a"}, {"b.ogg", "b"}, {"c.ogg", "c"}});
+  ASSERT_EQ(removeSampleFromSound(fx.idx, 1, 1), 0);
+  EXPECT_EQ(namesOf(*s), std::vector<std::string>{"a.ogg"});
+  EXPECT_EQ(s->chunk.size(), 1u);
+}
+
+TEST(EditPinsound, UploadsAreRenumberedAndRemovalsDeleteTheFile) {
+  StorageFixture fx;
+  fx.idx.setType = PINSOUND;
+  AudioSample* s = fx.addSound(0x21, SFX, "sfx/33-boom", {{"a.ogg", "A"}});
+  for (int i = 0; i < 2; ++i) {
+    test::writeFile(fx.tmp / "upload.tmp", "boom" + std::to_string(i));
+    ASSERT_EQ(addSampleToSound(fx.idx, 0x21, (fx.tmp / "upload.tmp").string(), "C:\\x/boom.ogg"), 0);
+    EXPECT_FALSE(std::filesystem::exists(fx.tmp / "upload.tmp"));
+  }
+  EXPECT_EQ(namesOf(*s), (std::vector<std::string>{"a.ogg", "boom.ogg", "1-boom.ogg"}));
+  EXPECT_EQ(s->chunk.size(), 3u);
+  EXPECT_EQ(test::readFile(fx.tmp / "sfx/33-boom/boom.ogg"), "boom0");
+  EXPECT_EQ(test::readFile(fx.tmp / "sfx/33-boom/1-boom.ogg"), "boom1");
+
+  ASSERT_EQ(removeSampleFromSound(fx.idx, 0x21, 2), 0);
+  EXPECT_FALSE(std::filesystem::exists(fx.tmp / "sfx/33-boom/1-boom.ogg"));
+  EXPECT_EQ(namesOf(*s), (std::vector<std::string>{"a.ogg", "boom.ogg"}));
+  EXPECT_EQ(s->chunk.size(), 2u);
+  // Unknown sounds, bad indexes and hostile names change nothing.
+  EXPECT_EQ(removeSampleFromSound(fx.idx, 0x99, 0), 1);
+  EXPECT_EQ(removeSampleFromSound(fx.idx, 0x21, 5), 1);
+  test::writeFile(fx.tmp / "upload.tmp", "x");
+  EXPECT_EQ(addSampleToSound(fx.idx, 0x99, (fx.tmp / "upload.tmp").string(), "x.ogg"), -1);
+  EXPECT_EQ(addSampleToSound(fx.idx, 0x21, (fx.tmp / "upload.tmp").string(), "../.."), -1);
+  EXPECT_EQ(s->samples.size(), 2u);
+}
+
+TEST(EditXsnd, AddAppendsAfterTheIndexAndRemoveMarksTheChunk) {
+  StorageFixture fx;
+  fx.addSound(5, SFX, "s", {{"a.ogg", "AAAA"}, {"b.ogg", "BBBB"}});
+  std::string path = (fx.tmp / "set.xsnd").string();
+  ASSERT_EQ(writeSamplesToBinary(fx.idx, path, true), 0);
+  SampleIndex loaded(fx.s);
+  ASSERT_EQ(readSamplesFromBinary(loaded, path), 0);
+  loaded.setType = XSNDFILE;
+  const std::string before = test::readFile(path);
+
+  test::writeFile(fx.tmp / "up.ogg", test::toneOgg());
+  ASSERT_EQ(addSampleToSound(loaded, 5, (fx.tmp / "up.ogg").string(), "new.ogg"), 0);
+  AudioSample* s = loaded.getSampleForId(5);
+  ASSERT_EQ(s->samples.size(), 3u);
+  ASSERT_EQ(s->filechunks.size(), 3u);
+  EXPECT_EQ(s->samples[2], "new.ogg");
+  const std::string after = test::readFile(path);
+  EXPECT_EQ(after.substr(0, before.size()), before);  // only appended
+  EXPECT_EQ(s->filechunks[2].offset, before.size() + 12);
+  EXPECT_EQ(after.substr(s->filechunks[2].offset), test::toneOgg());
+  // The new file streams from the container.
+  SDL_RWops* rw = makeCompoundRW(path.c_str(), s, 2);
+  char head[4];
+  EXPECT_EQ(SDL_RWread(rw, head, 1, 4), 4u);
+  EXPECT_EQ(std::string(head, 4), "OggS");
+  SDL_RWclose(rw);
+
+  // Remove the first file: state word 0 on disk, the index untouched.
+  const uint32_t firstOffset = s->filechunks[0].offset;
+  ASSERT_EQ(removeSampleFromSound(loaded, 5, 0), 0);
+  const std::string removed = test::readFile(path);
+  EXPECT_EQ(removed[firstOffset - 2], 0);
+  EXPECT_EQ(removed[firstOffset - 1], 0);
+  EXPECT_EQ(removed.size(), after.size());
+  EXPECT_EQ(s->samples.size(), 2u);
+  EXPECT_EQ(s->filechunks.size(), 3u);  // the chunk table keeps its length
+  EXPECT_EQ(s->filechunks[0].offset, s->filechunks[1].offset - 0);  // moved down by the same rule
+  SampleIndex again(fx.s);
+  ASSERT_EQ(readSamplesFromBinary(again, path), 0);
+  EXPECT_EQ(again.getSampleForId(5)->samples.size(), 2u);
+}
+
+TEST(EditXsnd, AFailedAppendLeavesTheContainerAsItWas) {
+  StorageFixture fx;
+  fx.addSound(5, SFX, "s", {{"a.ogg", "AAAA"}});
+  std::string path = (fx.tmp / "set.xsnd").string();
+  ASSERT_EQ(writeSamplesToBinary(fx.idx, path, false), 0);
+  SampleIndex loaded(fx.s);
+  ASSERT_EQ(readSamplesFromBinary(loaded, path), 0);
+  loaded.setType = XSNDFILE;
+  const std::string before = test::readFile(path);
+  test::LogCapture cap;
+  EXPECT_EQ(addSampleToSound(loaded, 5, (fx.tmp / "missing.ogg").string(), "m.ogg"), -1);
+  EXPECT_EQ(test::readFile(path), before);
+  EXPECT_EQ(loaded.getSampleForId(5)->samples.size(), 1u);
+  EXPECT_EQ(loaded.getSampleForId(5)->filechunks.size(), 1u);
+}
+
+TEST(EditOtherTypes, ZipSetsHaveNoRemoveHandler) {
+  StorageFixture fx;
+  fx.idx.setType = ZIPFILE;
+  fx.addSound(1, SFX, "z", {{"a.ogg", "A"}});
+  test::LogCapture cap;
+  EXPECT_EQ(removeSampleFromSound(fx.idx, 1, 0), 1);
+  EXPECT_TRUE(cap.contains("remove sample for sound not expected for soundset type"));
+  EXPECT_TRUE(std::filesystem::exists(fx.tmp / "z/a.ogg"));
+  test::writeFile(fx.tmp / "up", "u");
+  EXPECT_EQ(addSampleToSound(fx.idx, 1, (fx.tmp / "up").string(), "u.ogg"), -1);
+  EXPECT_TRUE(cap.contains("addSampleToSound not supported for this soundset type"));
+  EXPECT_EQ(vtabRemoveSampleFromSound[ZIPFILE], nullptr);
+}
+
+TEST(EditAltsound, RowsFollowAddedAndRemovedFilesAndAudioStays) {
+  StorageFixture fx;
+  std::string dir = (fx.tmp / "alt").string();
+  test::writeFile(fx.tmp / "alt/altsound.csv",
+                  "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\r\n"
+                  "0x01,2,80,50,0,0,Boom,boom.ogg\r\n"
+                  "0x02,0,100,50,100,0,Theme,theme.ogg\r\n");
+  test::writeFile(fx.tmp / "alt/boom.ogg", "boom");
+  test::writeFile(fx.tmp / "alt/theme.ogg", "theme");
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
+  fx.idx.setType = ALTSOUND;
+  test::writeFile(fx.tmp / "up", "boom2");
+  ASSERT_EQ(addSampleToSound(fx.idx, 1, (fx.tmp / "up").string(), "boom.ogg"), 0);
+  EXPECT_EQ(test::readFile(fx.tmp / "alt/1-boom.ogg"), "boom2");
+  EXPECT_EQ(test::readFile(fx.tmp / "alt/altsound.csv"),
+            "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\r\n"
+            "0x01,2,80,50,0,0,Boom,boom.ogg\r\n"
+            "0x01,2,80,50,0,0,Boom,1-boom.ogg\r\n"
+            "0x02,0,100,50,100,0,Theme,theme.ogg\r\n");
+  ASSERT_EQ(removeSampleFromSound(fx.idx, 1, 1), 0);
+  EXPECT_TRUE(std::filesystem::exists(fx.tmp / "alt/1-boom.ogg"));
+  EXPECT_EQ(test::readFile(fx.tmp / "alt/altsound.csv"),
+            "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\r\n"
+            "0x01,2,80,50,0,0,Boom,boom.ogg\r\n"
+            "0x02,0,100,50,100,0,Theme,theme.ogg\r\n");
+}
+
+}  // namespace
+}  // namespace korvo
