@@ -2,6 +2,7 @@
 // post volume changes, sound commands and stops, and count the volume-zero gesture.
 #include <gtest/gtest.h>
 
+#include "bus/session_recorder.h"
 #include "bus_fixture.h"
 #include "sound/engine_fixture.h"
 #include "sound/protocol_handlers.h"
@@ -124,6 +125,35 @@ TEST_F(CaptureIntoEngine, EachProtocolFamilyPlaysItsCommand) {
   const auto at = onsets.get(10);
   ASSERT_FALSE(at.empty());
   EXPECT_GT(capturedRms(at[0], 4410), 1000.0);
+  engine->stopSoundServiceThread();
+}
+
+// The demo: demo/session.rec replayed from the main loop against the demo sound set
+// plays every effect, voice, jingle and single the session names.
+TEST_F(CaptureIntoEngine, DemoSessionPlaysOnTheDemoSet) {
+  std::filesystem::copy(sourceDir() / "demo" / "velt-demo", base / "velt-demo",
+                        std::filesystem::copy_options::recursive);
+  openEngine();
+  loadSets();
+  engine->startSoundServiceThread();
+  settings.protocol = DATAEAST;
+  SimGpio gpio;
+  Pincom pincom(gpio, settings);
+  PincomConsumers c;
+  c.soundHandler = [&](unsigned v) { engine->soundHandler(v); };
+  pincom.setConsumers(std::move(c));
+  pincom.initGpio();
+  SessionRecorder rec(pincom);
+  clock::useManualClock(1'000'000);
+  ASSERT_TRUE(rec.startPlayback((sourceDir() / "demo" / "session.rec").string()));
+  // Ten times faster than the game: 10 ms of session per real millisecond.
+  while (rec.isReplaying()) {
+    clock::advanceMillis(10);
+    rec.updatePlayback(static_cast<unsigned>(millis()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  for (unsigned id : {10u, 11u, 12u, 13u, 14u, 20u, 21u, 22u, 30u, 40u})
+    EXPECT_TRUE(waitFor([&] { return !onsets.get(id).empty(); })) << "id " << id;
   engine->stopSoundServiceThread();
 }
 
