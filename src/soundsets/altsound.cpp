@@ -260,8 +260,13 @@ int editRows(const std::string& setDir, uint32_t id, const std::vector<std::pair
   for (const auto& v : values) t.ensureColumn(v.first);
   int rows = 0;
   for (std::size_t i : t.rowsOf(id)) {
-    for (const auto& v : values) t.setField(i, v.first, v.second);
-    ++rows;
+    bool ok = true;
+    for (const auto& v : values) ok = t.setField(i, v.first, v.second) && ok;
+    if (ok) {
+      ++rows;
+    } else {
+      LOG(LEVEL_WARN, "%s:%zu: row cannot be edited (unbalanced quotes)", t.path.c_str(), i + 1);
+    }
   }
   if (rows == 0) {
     LOG(LEVEL_WARN, "no row for sound 0x%04X in %s", id, t.path.c_str());

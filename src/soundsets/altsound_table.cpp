@@ -190,17 +190,23 @@ void CsvTable::ensureColumn(CsvCol c) {
   }
 }
 
-void CsvTable::setField(std::size_t i, CsvCol c, const std::string& value) {
+bool CsvTable::setField(std::size_t i, CsvCol c, const std::string& value) {
+  if (col[c] < 0) return false;
   Line& l = lines[i];
   const std::size_t k = static_cast<std::size_t>(col[c]);
   auto f = splitCsvLine(l.text);
   if (f.size() <= k) {
-    l.text.append(k + 1 - f.size(), ',');
-    f = splitCsvLine(l.text);
+    // Commas appended after an unbalanced quote stay inside it: such a row cannot
+    // take the field and is left alone.
+    std::string padded = l.text + std::string(k + 1 - f.size(), ',');
+    f = splitCsvLine(padded);
+    if (f.size() <= k) return false;
+    l.text = std::move(padded);
   }
   const CsvField& fld = f[k];
   const bool quote = fld.quoted || value.find_first_of(",\"") != std::string::npos;
   l.text.replace(fld.start, fld.end - fld.start, quote ? csvQuote(value) : value);
+  return true;
 }
 
 std::string CsvTable::defaultEol() const {

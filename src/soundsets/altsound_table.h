@@ -48,8 +48,9 @@ struct CsvTable {
   // and every row is padded with empty fields to the new width.
   void ensureColumn(CsvCol c);
   // Replaces the bytes of one field of line `i` (padding the row when short); a field
-  // that was quoted stays quoted, a value with a comma or quote gets quotes.
-  void setField(std::size_t i, CsvCol c, const std::string& value);
+  // that was quoted stays quoted, a value with a comma or quote gets quotes. False
+  // when the row cannot hold the field (an unbalanced quote swallows the padding).
+  bool setField(std::size_t i, CsvCol c, const std::string& value);
   // Inserts copies of line `after`, one per FNAME of `fnames`, right after it.
   void insertCopiesAfter(std::size_t after, const std::vector<std::string>& fnames);
   // Appends minimal rows (ID, NAME, FNAME) for a sound that had none.
