@@ -52,6 +52,8 @@ SoundEngine::~SoundEngine() {
   Lock lk(*this);
   // Records own chunks: free them while the mixer library is still usable.
   index_.clearSamples();
+  // Side effects queued at shutdown would reach subsystems that are already gone.
+  deferred_.clear();
 }
 
 void SoundEngine::setOnsetObserver(OnsetObserver fn, void* user) {

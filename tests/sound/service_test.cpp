@@ -100,7 +100,7 @@ TEST_F(ServiceThread, PlaysQueuedCommandsAtTheSampleVolumeAndEnds) {
 
 TEST_F(ServiceThread, JingleEndResumesMusicOnlyWithoutDucking) {
   makeSet("one");
-  openEngine();
+  openEngine("", "5");
   loadSets();
   // Ducking on (the default type table has values below 100): music keeps playing.
   ASSERT_EQ(1, engine->index().duckingIsActive);
