@@ -251,7 +251,10 @@ void syncDirOf(const std::string& path) {
 
 std::unique_ptr<AudioSample> recordFromMessage(const ::AudioSample& a, const ::SoundSet& set,
                                                const SampleIndex& index, const std::string& path, off_t fileSize) {
-  auto rec = newAudioSampleForId(a.id);
+  // Not newAudioSampleForId: its room for ten files is two allocations per sound that
+  // a decoded record, sized exactly, never uses.
+  auto rec = std::make_unique<AudioSample>();
+  rec->id = a.id;
   int type = a.has_type ? static_cast<int>(a.type) : UNKNOWN;
   rec->type = (type >= 0 && type < kAudioTypeCount) ? static_cast<AudioType>(type) : UNKNOWN;
   rec->magic = a.magic;
@@ -293,6 +296,23 @@ std::unique_ptr<AudioSample> recordFromMessage(const ::AudioSample& a, const ::S
   rec->syncChunks();
   return rec;
 }
+
+// The end of a container as read in one go: the index of a container that was only
+// appended to lies there.
+struct TailView {
+  std::vector<unsigned char> bytes;
+  off_t start = 0;
+  // The bytes [pos, pos + len) when they are all in the view, else null.
+  const unsigned char* at(off_t pos, uint64_t len) const {
+    if (pos < start || static_cast<uint64_t>(pos - start) + len > bytes.size()) return nullptr;
+    return bytes.data() + (pos - start);
+  }
+};
+off_t findMetaByWalk(int fd, off_t fileSize, ChunkHeader& h);
+off_t findMetaIn(const TailView& view, ChunkHeader& h);
+off_t findMetaInTail(int fd, off_t fileSize, ChunkHeader& h, TailView& tail);
+int loadMeta(SampleIndex& index, const std::string& path, int fd, off_t fileSize, off_t pos, const ChunkHeader& h,
+             const TailView* tail, bool report);
 
 }  // namespace
 
@@ -596,20 +616,34 @@ int readSamplesFromBinary(SampleIndex& index, const std::string& path) {
   if (fstat(fd, &st) != 0) return -1;
   const off_t fileSize = st.st_size;
 
-  // The walk reads headers with pread: one system call per chunk, no stdio buffer
-  // refills for the audio that is skipped.
-  unsigned char buf[kChunkHeaderSize];
+  unsigned char head[kChunkHeaderSize + 2];
   ChunkHeader h;
-  if (preadAll(fd, buf, sizeof buf, 0) != sizeof buf ||
-      (decodeHeader(buf, h), !isChunk(h, "xSND") || h.check != chunkCheck(h.chunkName))) {
+  const bool headOk = preadAll(fd, head, sizeof head, 0) == sizeof head;
+  decodeHeader(head, h);
+  if (!headOk || !isChunk(h, "xSND") || h.check != chunkCheck(h.chunkName)) {
     LOG(LEVEL_ERROR, "reading %s, bad header", path.c_str());
   }
-  unsigned char vbuf[2] = {0, 0};
-  preadAll(fd, vbuf, 2, kChunkHeaderSize);
-  LOG(LEVEL_INFO, "reading xSND format version %d", getBE16(vbuf));
+  LOG(LEVEL_INFO, "reading xSND format version %d", headOk ? getBE16(head + kChunkHeaderSize) : 0);
 
+  // The index of a container that was only appended to since it was written sits in
+  // its tail: found there with one read instead of one read per audio chunk. When the
+  // tail does not show it, or what it shows does not decode, walk the chunks.
+  TailView tail;
+  const off_t pos = findMetaInTail(fd, fileSize, h, tail);
+  if (pos >= 0 && loadMeta(index, path, fd, fileSize, pos, h, &tail, false) == 0) return 0;
+  const off_t walked = findMetaByWalk(fd, fileSize, h);
+  if (walked < 0) {
+    LOG(LEVEL_ERROR, "no meta data found in %s", path.c_str());
+    return -1;
+  }
+  return loadMeta(index, path, fd, fileSize, walked, h, nullptr, true);
+}
+
+namespace {
+
+off_t findMetaByWalk(int fd, off_t fileSize, ChunkHeader& h) {
+  unsigned char buf[kChunkHeaderSize];
   off_t pos = kChunkHeaderSize + 2;
-  bool found = false;
   while (pos + static_cast<off_t>(kChunkHeaderSize) <= fileSize) {
     if (preadAll(fd, buf, sizeof buf, pos) != sizeof buf) break;
     decodeHeader(buf, h);
@@ -617,19 +651,72 @@ int readSamplesFromBinary(SampleIndex& index, const std::string& path) {
       LOG(LEVEL_ERROR, "invalid header");
       break;
     }
-    if (isChunk(h, "META")) {
-      found = true;
-      break;
-    }
+    if (isChunk(h, "META")) return pos;
     pos += static_cast<off_t>(kChunkHeaderSize) + static_cast<off_t>(h.len);
   }
-  if (!found) {
-    LOG(LEVEL_ERROR, "no meta data found in %s", path.c_str());
-    return -1;
+  return -1;
+}
+
+off_t findMetaInTail(int fd, off_t fileSize, ChunkHeader& h, TailView& view) {
+  // A small window holds the index of most sets; a larger one also covers a few
+  // uploads appended after it.
+  for (off_t window : {off_t{64 * 1024}, off_t{1024 * 1024}}) {
+    const off_t start = std::max<off_t>(static_cast<off_t>(kChunkHeaderSize) + 2, fileSize - window);
+    if (fileSize - start < static_cast<off_t>(kChunkHeaderSize) + 4) return -1;
+    view.start = start;
+    view.bytes.resize(static_cast<std::size_t>(fileSize - start));
+    if (preadAll(fd, view.bytes.data(), view.bytes.size(), start) != view.bytes.size()) return -1;
+    off_t found = findMetaIn(view, h);
+    if (found >= 0 || start == static_cast<off_t>(kChunkHeaderSize) + 2) return found;
   }
+  return -1;
+}
+
+off_t findMetaIn(const TailView& view, ChunkHeader& h) {
+  const std::vector<unsigned char>& tail = view.bytes;
+  const off_t start = view.start;
+  static const unsigned char kMeta[6] = {'M', 'E', 'T', 'A'};
+  off_t found = -1;
+  const unsigned char* p = tail.data();
+  const unsigned char* end = tail.data() + tail.size();
+  // The last "META" header from which a chain of valid xSMP headers ends exactly at
+  // the end of the file.
+  while (end - p >= static_cast<std::ptrdiff_t>(kChunkHeaderSize)) {
+    auto* hit = static_cast<const unsigned char*>(memmem(p, static_cast<std::size_t>(end - p), kMeta, 4));
+    if (hit == nullptr || end - hit < static_cast<std::ptrdiff_t>(kChunkHeaderSize)) break;
+    ChunkHeader cand;
+    decodeHeader(hit, cand);
+    uint64_t q = static_cast<uint64_t>(hit - tail.data()) + kChunkHeaderSize + cand.len;
+    bool chain = cand.check == chunkCheck(cand.chunkName);
+    while (chain && q < tail.size()) {
+      if (q + kChunkHeaderSize > tail.size()) {
+        chain = false;
+        break;
+      }
+      ChunkHeader next;
+      decodeHeader(tail.data() + q, next);
+      chain = isChunk(next, "xSMP") && next.check == chunkCheck(next.chunkName);
+      q += kChunkHeaderSize + next.len;
+    }
+    if (chain && q == tail.size()) {
+      found = start + (hit - tail.data());
+      h = cand;
+    }
+    p = hit + 1;
+  }
+  return found;
+}
+
+// Inflates and decodes the META chunk at `pos` into the index. `report`: log the
+// failures (the tail attempt stays quiet; the walk that follows reports).
+int loadMeta(SampleIndex& index, const std::string& path, int fd, off_t fileSize, off_t pos, const ChunkHeader& h,
+             const TailView* tail, bool report) {
   unsigned char sbuf[4];
-  if (preadAll(fd, sbuf, 4, pos + static_cast<off_t>(kChunkHeaderSize)) != 4) {
-    LOG(LEVEL_ERROR, "no meta data found in %s", path.c_str());
+  const unsigned char* sp = tail ? tail->at(pos + static_cast<off_t>(kChunkHeaderSize), 4) : nullptr;
+  if (sp != nullptr) {
+    std::memcpy(sbuf, sp, 4);
+  } else if (preadAll(fd, sbuf, 4, pos + static_cast<off_t>(kChunkHeaderSize)) != 4) {
+    if (report) LOG(LEVEL_ERROR, "no meta data found in %s", path.c_str());
     return -1;
   }
   const uint32_t metaSize = getBE32(sbuf);
@@ -641,28 +728,34 @@ int readSamplesFromBinary(SampleIndex& index, const std::string& path) {
   uint64_t want = std::max<uint64_t>(metaSize, h.len >= 4 ? h.len - 4u : 0u);
   want = std::min(want, available);
   if (metaSize > kMaxMetaSize || metaSize > (available + 1) * kMaxInflateRatio) {
-    LOG(LEVEL_ERROR, "meta data size %u of %s is implausible", metaSize, path.c_str());
+    if (report) LOG(LEVEL_ERROR, "meta data size %u of %s is implausible", metaSize, path.c_str());
     return -1;
   }
-  std::vector<unsigned char> compressed(static_cast<std::size_t>(want));
-  std::size_t got = preadAll(fd, compressed.data(), compressed.size(), dataPos);
+  std::unique_ptr<unsigned char[]> readBuf;
+  const unsigned char* compressed = tail ? tail->at(dataPos, want) : nullptr;
+  std::size_t got = static_cast<std::size_t>(want);
+  if (compressed == nullptr) {
+    readBuf.reset(new unsigned char[want ? want : 1]);
+    got = preadAll(fd, readBuf.get(), static_cast<std::size_t>(want), dataPos);
+    compressed = readBuf.get();
+  }
   LOG(LEVEL_INFO, "read %d byte from %s", static_cast<int>(got), path.c_str());
 
-  std::vector<unsigned char> meta(metaSize);
+  std::unique_ptr<unsigned char[]> meta(new unsigned char[metaSize ? metaSize : 1]);
   bool ended = false;
-  std::size_t produced = inflateInto(compressed.data(), got, meta.data(), meta.size(), ended);
+  std::size_t produced = inflateInto(compressed, got, meta.get(), metaSize, ended);
   if (!ended) {
     // A stream that does not end (cut short, damaged, checksum wrong) is not an index
     // to trust, even when a prefix of it would decode.
-    LOG(LEVEL_ERROR, "meta data of %s is truncated or corrupt", path.c_str());
+    if (report) LOG(LEVEL_ERROR, "meta data of %s is truncated or corrupt", path.c_str());
     return -1;
   }
   if (produced != metaSize) {
     LOG(LEVEL_WARN, "expected uncompressed size does not match: %u != %u", static_cast<unsigned>(produced), metaSize);
   }
-  ::SoundSet* set = sound_set__unpack(nullptr, produced, meta.data());
+  ::SoundSet* set = sound_set__unpack(nullptr, produced, meta.get());
   if (set == nullptr) {
-    LOG(LEVEL_ERROR, "could not decode meta data of %s", path.c_str());
+    if (report) LOG(LEVEL_ERROR, "could not decode meta data of %s", path.c_str());
     return -1;
   }
   std::vector<std::unique_ptr<AudioSample>> records;
@@ -679,5 +772,7 @@ int readSamplesFromBinary(SampleIndex& index, const std::string& path) {
   for (auto& r : records) index.addSample(std::move(r));
   return 0;
 }
+
+}  // namespace
 
 }  // namespace korvo

@@ -241,6 +241,32 @@ TEST(XsndContainer, XsndSetIsRepackedFromItsOwnContainer) {
   EXPECT_EQ(test::readFile(second).substr(c.offset, c.size), "JJJJJJJ");
 }
 
+TEST(XsndContainer, IndexIsFoundPastLookalikesAndLargeAppends) {
+  StorageFixture fx;
+  // Audio that carries a well-formed "META" header of its own, and a large file.
+  std::string fake = "....META";
+  fake += std::string("\x00\x00\x00\x08\x01\x27", 6) + "\x00\x00\x01\x00zzzz";
+  fx.addSound(1, SFX, "s", {{"fake.ogg", fake}});
+  std::string path = (fx.tmp / "x.xsnd").string();
+  ASSERT_EQ(writeSamplesToBinary(fx.idx, path, false), 0);
+  SampleIndex back(fx.s);
+  ASSERT_EQ(readSamplesFromBinary(back, path), 0);
+  AudioSample* r = back.getSampleForId(1);
+  ASSERT_TRUE(r);
+  // Appends beyond any tail window: the reader walks the chunks instead.
+  test::writeFile(fx.tmp / "big.ogg", std::string(1500000, 'B'));
+  for (int i = 0; i < 2; ++i) {
+    FILE* f = fopen(path.c_str(), "r+b");
+    fseek(f, 0, SEEK_END);
+    ASSERT_EQ(writeFileChunk(f, (fx.tmp / "big.ogg").string(), *r, 1 + i), 0);
+    fclose(f);
+  }
+  SampleIndex again(fx.s);
+  ASSERT_EQ(readSamplesFromBinary(again, path), 0);
+  EXPECT_EQ(again.getSampleForId(1)->samples.size(), 1u);
+  EXPECT_EQ(again.getSampleForId(1)->filechunks[0].size, fake.size());
+}
+
 TEST(XsndBadInput, TruncatedCorruptedAndForeignFilesAreRefused) {
   StorageFixture fx;
   fx.addSound(5, SFX, "s", {{"a.ogg", std::string(5000, 'a')}});
