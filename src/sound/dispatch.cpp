@@ -72,12 +72,12 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
       playSampleLocked(id, idx, overrideVol);
       break;
     case JINGLE:
-      fadeJingleSingle(300);
+      fadeJingleSingleLocked(300);
       if (!index_.duckingIsActive) fadeMusicLocked(300);
       playSampleLocked(id, idx, overrideVol);
       break;
     case SINGLE:
-      fadeJingleSingle(300);
+      fadeJingleSingleLocked(300);
       fadeMusicLocked(300);
       playSampleLocked(id, idx, overrideVol);
       break;

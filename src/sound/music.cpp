@@ -19,7 +19,7 @@ void SoundEngine::playMusicLocked(int id, int ms, int idx, double pos) {
     LOG(LEVEL_DEBUG, "Music %d '%s' is already playing.", id, s->name.c_str());
     return;
   }
-  if (settings_.fadeSfxOnMusicChange) fadeRunningEffects();
+  if (settings_.fadeSfxOnMusicChange) fadeRunningEffectsLocked();
   const int n = static_cast<int>(s->samples.size());
   if (idx == -1)
     idx = chooseSampleIndex(s);
@@ -160,6 +160,21 @@ void SoundEngine::fadeChannel(int ch, int ms, const AudioSample* s) {
 }
 
 void SoundEngine::fadeJingleSingle(int ms) {
+  Lock lk(*this);
+  fadeJingleSingleLocked(ms);
+}
+
+void SoundEngine::fadeRunningEffects() {
+  Lock lk(*this);
+  fadeRunningEffectsLocked();
+}
+
+void SoundEngine::fadeSoundType(int ms, int type) {
+  Lock lk(*this);
+  fadeSoundTypeLocked(ms, type);
+}
+
+void SoundEngine::fadeJingleSingleLocked(int ms) {
   for (int ch = 0; ch < kMixChannels; ch++) {
     const unsigned id = idPlayingOnChannel_[ch].load();
     if (id == kChannelIdle) continue;
@@ -171,7 +186,7 @@ void SoundEngine::fadeJingleSingle(int ms) {
   }
 }
 
-void SoundEngine::fadeRunningEffects() {
+void SoundEngine::fadeRunningEffectsLocked() {
   for (int ch = 0; ch < kMixChannels; ch++) {
     const unsigned id = idPlayingOnChannel_[ch].load();
     if (id == kChannelIdle) continue;
@@ -181,7 +196,7 @@ void SoundEngine::fadeRunningEffects() {
   }
 }
 
-void SoundEngine::fadeSoundType(int ms, int type) {
+void SoundEngine::fadeSoundTypeLocked(int ms, int type) {
   for (int ch = 0; ch < kMixChannels; ch++) {
     const unsigned id = idPlayingOnChannel_[ch].load();
     if (id == kChannelIdle) continue;

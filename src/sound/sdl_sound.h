@@ -161,6 +161,8 @@ class SoundEngine {
   void handleSoundByType(int id) { handleSoundByTypeWithIdx(id, -1, -1); }
   void handleSoundByTypeWithIdx(int id, int idx, int overrideVol);
   void playSample(int id, int idx, int overrideVol);
+  // master + gain + type gain - 100 (or master + override - 50), clamped to 1..128.
+  // Engine lock held.
   int getVolumeForSample(const AudioSample* sample, int overideVol);
   int isStopCommand(int id) const;
   // 1 if any channel plays `id`. Lock-free (reads the channel table).
@@ -176,14 +178,8 @@ class SoundEngine {
   // Runs a command string (pieces joined by ";"): PORT, PORTSEQ, I2CWRITE, else Lua or
   // the serial line and socket.
   void playCommand(const char* cmd);
-  // The pieces of playCommand; engine lock held.
-  void sendCmd(const AudioSample* s);
-  void playCommandLocked(const char* cmd);
-  void processCmd(const char* cmd);
   static int isPortCmd(const char* cmd, const Settings& s);
   static int isI2CCmd(const char* cmd);
-  void sendPortCmd(const char* cmd);
-  int sendI2CCmd(const char* cmd);
   void dumpWhatsPlaying();
   // The id of a random sound of the loaded set (keyboard Enter without a number), -1
   // when the set is empty.
@@ -282,6 +278,12 @@ class SoundEngine {
   // Everything below: engine mutex held by the caller.
   void soundServiceHandler();
   void handleSoundLocked(int id, int idx, int overrideVol);
+  // The pieces of playCommand. The outputs run after the lock is released.
+  void sendCmd(const AudioSample* s);
+  void playCommandLocked(const char* cmd);
+  void processCmd(const char* cmd);
+  void sendPortCmd(const char* cmd);
+  int sendI2CCmd(const char* cmd);
   void playSampleLocked(int id, int idx, int overrideVol);
   int chooseSampleIndex(const AudioSample* s);
   int findChannelFor(const AudioSample* s, unsigned id);
@@ -298,6 +300,9 @@ class SoundEngine {
   void fadeMusicLocked(int ms);
   void resetFadedMusic(int newId);
   void fadeChannel(int ch, int ms, const AudioSample* s);
+  void fadeJingleSingleLocked(int ms);
+  void fadeRunningEffectsLocked();
+  void fadeSoundTypeLocked(int ms, int type);
   void setMusicIdPlaying(int id);
   void setMusicVolume(int id);
   void doCheckDucking(int ch);
