@@ -27,6 +27,11 @@ void SoundEngine::EngineLock::unlock() {
   std::vector<std::function<void()>> work;
   work.swap(e_->deferred_);
   lk_.unlock();
+  if (work.empty()) return;
+  // One thread at a time runs side effects (the settings writer and the outputs are
+  // not thread-safe); recursive, because a Lua command may call back into the engine
+  // and run its own effects on this thread.
+  std::lock_guard effects(e_->effectsMutex_);
   for (auto& w : work) {
     try {
       w();

@@ -339,6 +339,8 @@ class SoundEngine {
   std::thread serviceThread_;
 
   mutable std::mutex mutex_;  // the engine mutex
+  // Serialises the side effects queued under mutex_; never taken with mutex_ held.
+  std::recursive_mutex effectsMutex_;
 
   // ---- guarded by mutex_ ----
   SampleIndex index_;

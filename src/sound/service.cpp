@@ -132,7 +132,10 @@ void SoundEngine::doSoundService(const SoundServiceRequest& req) {
     }
     case MUSIC_FINISHED: {
       // The hook could not call into Lua from the audio thread; tell it now what plays.
-      if (settings_.luaEnabled && hooks_.setLuaGlobal) hooks_.setLuaGlobal("musicPlayingId", musicIdPlaying_.load());
+      if (settings_.luaEnabled && hooks_.setLuaGlobal) {
+        Lock lk(*this);
+        defer([this, id = musicIdPlaying_.load()] { hooks_.setLuaGlobal("musicPlayingId", id); });
+      }
       break;
     }
     case SET_VOLUME:

@@ -18,6 +18,12 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   makeSet("b");
   settings.samplePoolSizeInByte = 200000;  // evictions happen all the time
   openEngine("/dev/null", "0");
+  Configuration cfg(settings);
+  const std::string va = (dir.path() / "va.ini").string();
+  engine->hooks().writeSettings = [&] { cfg.writeSettings(va.c_str()); };
+  int luaCalls = 0;  // written by whichever thread runs the effects
+  settings.luaEnabled = 1;
+  engine->hooks().setLuaGlobal = [&](const char*, int) { luaCalls++; };
   loadSets();
   engine->startSoundServiceThread();
   std::atomic<bool> stop{false};
@@ -66,6 +72,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   stop = true;
   for (auto& t : threads) t.join();
   engine->stopSoundServiceThread();
+  EXPECT_GT(luaCalls, 0);
   engine->stopAllSamples();
   drain();
   for (int ch = 0; ch < kMixChannels; ch++) EXPECT_EQ(kChannelIdle, engine->idPlayingOnChannel(ch));
