@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include <SDL2/SDL_thread.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -112,6 +113,8 @@ void SoundEngine::soundServiceHandler() {
     if (ring_.queueGet(&req, 1000000) != 1) continue;
     if (req.type == TERM_SERVICE_THREAD) {
       LOG(LEVEL_INFO, "end sound service thread");
+      // SDL keeps per-thread error state for threads it did not create.
+      SDL_TLSCleanup();
       return;
     }
     try {

@@ -1,6 +1,7 @@
 // Concurrent commands, set switches, volume changes and main-loop calls against the
 // running service thread and audio thread. Under ThreadSanitizer this must report
 // nothing; in any build it must neither crash nor lose track of the channels.
+#include <SDL2/SDL_thread.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,6 +36,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
       engine->soundHandler(ids[i++ % 7]);
       std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
+    SDL_TLSCleanup();  // SDL's per-thread error state of threads it did not create
   });
   threads.emplace_back([&] {  // HTTP: direct plays, volume, reads of the index
     int i = 0;
@@ -48,6 +50,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
       i++;
       std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
+    SDL_TLSCleanup();
   });
   threads.emplace_back([&] {  // set switches, direct and through the ring
     int i = 0;
@@ -59,6 +62,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
       i++;
       std::this_thread::sleep_for(std::chrono::milliseconds(15));
     }
+    SDL_TLSCleanup();
   });
   threads.emplace_back([&] {  // main loop and keyboard
     while (!stop) {
@@ -67,6 +71,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
       engine->dumpWhatsPlaying();
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    SDL_TLSCleanup();
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   stop = true;
