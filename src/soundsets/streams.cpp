@@ -76,10 +76,11 @@ size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   CompCtx* c = compCtx(ctx);
   if (c == nullptr || c->f == nullptr || size == 0 || maxnum == 0) return 0;
   const int64_t extent = c->fileChunk.size;
-  uint64_t toRead = static_cast<uint64_t>(size) * maxnum;
+  uint64_t toRead = 0;
+  if (__builtin_mul_overflow(static_cast<uint64_t>(size), static_cast<uint64_t>(maxnum), &toRead)) toRead = UINT64_MAX;
   if (c->pos < 0 || c->pos >= extent) {
     toRead = 0;
-  } else if (c->pos + static_cast<int64_t>(toRead) > extent) {
+  } else if (toRead > static_cast<uint64_t>(extent - c->pos)) {
     toRead = static_cast<uint64_t>(extent - c->pos);
     LOG(LEVEL_TRACE, "limit toRead to size: %llu", static_cast<unsigned long long>(toRead));
   }
@@ -189,7 +190,8 @@ Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
 size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   ZipCtx* z = zipCtx(ctx);
   if (z == nullptr || z->f == nullptr || size == 0) return 0;
-  const zip_uint64_t want = static_cast<zip_uint64_t>(size) * maxnum;
+  zip_uint64_t want = 0;
+  if (__builtin_mul_overflow(static_cast<zip_uint64_t>(size), static_cast<zip_uint64_t>(maxnum), &want)) return 0;
   zip_int64_t got = zip_fread(z->f, ptr, want);
   if (got < 0) got = 0;
   z->pos += got;
