@@ -4,6 +4,8 @@
 #include <SDL2/SDL_mixer.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "core/log.h"
 #include "soundsets/xsnd.h"
 #include "storage_fixture.h"
@@ -47,6 +49,10 @@ std::string makeToneZip(const test::TempDir& tmp) {
 class MixerTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
+    // Leave SIGINT/SIGTERM to the test runner, so a time-out can stop the binary.
+    SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+    // No sound card on a CI machine: the dummy driver, unless the runner chose one.
+    setenv("SDL_AUDIODRIVER", "dummy", 0);
     ASSERT_EQ(SDL_Init(SDL_INIT_AUDIO), 0) << SDL_GetError();
     ASSERT_EQ(Mix_OpenAudio(22050, AUDIO_S16SYS, 2, 512), 0) << Mix_GetError();
   }
