@@ -29,18 +29,26 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kSounds = 2000;
-constexpr int kRuns = 7;
+constexpr int kRuns = 15;
 
-double medianMs(const std::function<void()>& fn) {
-  std::vector<double> t;
-  fn();  // warm the page cache
-  for (int i = 0; i < kRuns; ++i) {
-    auto a = std::chrono::steady_clock::now();
+// Runs a and b alternately (after one warm-up each) and returns their medians, so a
+// change of machine load between them does not skew the ratio.
+std::pair<double, double> pairedMedianMs(const std::function<void()>& a, const std::function<void()>& b) {
+  std::vector<double> ta, tb;
+  a();
+  b();
+  auto time = [](const std::function<void()>& fn) {
+    auto start = std::chrono::steady_clock::now();
     fn();
-    t.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - a).count());
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  };
+  for (int i = 0; i < kRuns; ++i) {
+    ta.push_back(time(a));
+    tb.push_back(time(b));
   }
-  std::sort(t.begin(), t.end());
-  return t[t.size() / 2];
+  std::sort(ta.begin(), ta.end());
+  std::sort(tb.begin(), tb.end());
+  return {ta[ta.size() / 2], tb[tb.size() / 2]};
 }
 
 void copyAll(const std::vector<std::string>& files, const std::string& out) {
@@ -120,26 +128,26 @@ int main(int argc, char** argv) {
     fs::remove_all(dir);
     return 0;
   }
-  double pack = medianMs([&] { korvo::writeSamplesToBinary(idx, xsnd, false); });
-  double plain = medianMs([&] { copyAll(files, copy); });
+  auto [pack, plain] = pairedMedianMs([&] { korvo::writeSamplesToBinary(idx, xsnd, false); },
+                                      [&] { copyAll(files, copy); });
   printf("pack %d sounds, %.1f MiB of audio\n", kSounds, bytes / 1048576.0);
   printf("  xsnd writer:          %8.2f ms\n", pack);
   printf("  copy of the bytes:    %8.2f ms\n", plain);
   printf("  ratio writer / copy:  %8.3f (target <= 1.2)\n", pack / plain);
 
   const MetaPlace meta = findMeta(xsnd);
-  double index = medianMs([&] {
+  auto readIndex = [&] {
     korvo::SampleIndex back(s);
     korvo::readSamplesFromBinary(back, xsnd);
-  });
+  };
   // The baselines allocate their buffers per read, as any reader of the file must.
-  double rawRead = medianMs([&] {
+  auto readRaw = [&] {
     std::vector<unsigned char> compressed(meta.compressed);
     int fd = open(xsnd.c_str(), O_RDONLY);
     pread(fd, compressed.data(), compressed.size(), meta.offset);
     close(fd);
-  });
-  double decoded = medianMs([&] {
+  };
+  auto readDecoded = [&] {
     std::vector<unsigned char> compressed(meta.compressed), raw(meta.size);
     int fd = open(xsnd.c_str(), O_RDONLY);
     pread(fd, compressed.data(), compressed.size(), meta.offset);
@@ -148,7 +156,10 @@ int main(int argc, char** argv) {
     uncompress(raw.data(), &n, compressed.data(), compressed.size());
     ::SoundSet* set = sound_set__unpack(nullptr, n, raw.data());
     sound_set__free_unpacked(set, nullptr);
-  });
+  };
+  auto [index, decoded] = pairedMedianMs(readIndex, readDecoded);
+  auto [index2, rawRead] = pairedMedianMs(readIndex, readRaw);
+  (void)index2;
   printf("read the index of %d sounds (META %u bytes, %u inflated)\n", kSounds, meta.compressed, meta.size);
   printf("  readSamplesFromBinary:        %8.3f ms\n", index);
   printf("  META bytes read + decoded:    %8.3f ms\n", decoded);
