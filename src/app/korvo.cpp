@@ -1,21 +1,30 @@
 #include "app/korvo.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <SDL2/SDL.h>
 
 #include <cstdlib>
 #include <ctime>
 
+#include "bus/io_test.h"
+#include "core/fileutil.h"
 #include "core/log.h"
 #include "core/stringutil.h"
 #include "core/sysinfo.h"
 #include "platform/clock.h"
+#include "soundsets/altsound.h"
+#include "soundsets/xsnd.h"
 
 namespace korvo {
 
 Korvo::Korvo() = default;
 
 Korvo::~Korvo() {
+  if (bus_) bus_->shutdown();
+  if (engine_) engine_->soundShutdown();
   if (logFile_) {
     setLogDevice(stdout);
     fclose(logFile_);
@@ -39,7 +48,65 @@ void Korvo::openLogFile(const std::string& name) {
 ConsoleActions Korvo::consoleActions() {
   ConsoleActions a;
   a.quit = [this] { loop_.quit(); };
+  SoundEngine* e = engine_.get();
+  if (!e) return a;
+  a.soundHandler = [e](unsigned id) { e->soundHandler(id); };
+  a.randomSampleId = [e] { return e->randomSampleId(); };
+  a.adjustVolume = [e](int step) { e->adjustVolume(step); };
+  a.dumpWhatsPlaying = [e] { e->dumpWhatsPlaying(); };
+  a.fadeMusic = [e](int ms) { e->fadeMusic(ms); };
+  a.cycleSoundSet = [e](int n) { e->cycleSoundSet(n); };
+  a.switchToSoundSet = [e](int n) { e->switchToSoundSet(n); };
   return a;
+}
+
+std::string Korvo::findSoundsDir() const {
+  // The prompts live beside the program when installed, in the source tree when run
+  // from a build directory; KORVO_SOUNDS_DIR overrides both.
+  if (const char* env = getenv("KORVO_SOUNDS_DIR")) return env;
+  for (const std::string& dir : {currDir_ + "/sounds", std::string("sounds")})
+    if (isDirectory(dir)) return dir;
+#ifdef KORVO_SOURCE_SOUNDS_DIR
+  if (isDirectory(KORVO_SOURCE_SOUNDS_DIR)) return KORVO_SOURCE_SOUNDS_DIR;
+#endif
+  return "sounds";
+}
+
+void Korvo::createSoundEngine() {
+  // SDL would otherwise replace our SIGINT/SIGTERM handlers with its own, which only
+  // queue an event nobody reads.
+  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  // SDL would otherwise replace our SIGINT/SIGTERM handlers with its own, which only
+  // queue an event nobody reads.
+  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  engine_ = std::make_unique<SoundEngine>(settings);
+  engine_->setSoundsDir(findSoundsDir());
+  engine_->setTransientSettingsFile("va.ini");
+  protocolPort_ = std::make_unique<SoundEngineProtocolPort>(*engine_);
+  handlers_ = std::make_unique<ProtocolHandlers>(*protocolPort_, settings);
+
+  SoundHooks& h = engine_->hooks();
+  Bus* bus = bus_.get();
+  h.setPortExtenderPin = [bus](int pin, bool on) { bus->setPortExtenderPin(pin, on ? 1 : 0); };
+  h.addPortPinSequence = [bus](const std::string& text) { bus->addPortPinSequence(text); };
+  h.playbackShakerSequence = [bus](const std::vector<uint32_t>& seq) { bus->playbackShakerSequence(seq); };
+  h.serialSend = [bus](const std::string& text) { bus->serialSend(text); };
+  h.sendSocketCmd = [bus](const std::string& text) { bus->sendSocketCmd(text); };
+  h.writeSettings = [this] { config_.writeSettings("va.ini"); };
+  ProtocolHandlers* handlers = handlers_.get();
+  h.suppressNotFound = [handlers](int id) { return handlers->suppressNotFound(id) != 0; };
+  h.gpio = gpio_.get();
+  engine_->index().hooks.captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
+}
+
+void Korvo::writeConversions() {
+  if (opt_.xsndFile.empty() && opt_.csvFile.empty()) return;
+  auto lock = engine_->lock();
+  if (!opt_.xsndFile.empty() &&
+      writeSamplesToBinary(engine_->index(), opt_.xsndFile, opt_.stripPaths != 0) != 0)
+    LOG(LEVEL_ERROR, "writing sound set to %s failed", opt_.xsndFile.c_str());
+  if (!opt_.csvFile.empty() && writeSamplesToCsv(engine_->index(), opt_.csvFile, opt_.baseDir, true) != 0)
+    LOG(LEVEL_ERROR, "writing csv to %s failed", opt_.csvFile.c_str());
 }
 
 int Korvo::startUp(int argc, char** argv, char** envp) {
@@ -72,7 +139,8 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
     LOG(LEVEL_ERROR, "no usable gpio backend, exiting");
     return 1;
   }
-  gpio_->wiringPiSetup();
+  bus_ = std::make_unique<Bus>(*gpio_, settings);
+  bus_->preInitGpio();
   startTime_ = millis();
 
   if (opt_.enableDebug) {
@@ -91,10 +159,36 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
   config_.readMasterConfig(opt_.baseDir.c_str(), gpio_->hasI2C());
 
   if (opt_.testIOonly) {
-    LOG(LEVEL_ERROR, "hardware IO test mode is not available in this build");
-    return 1;
+    // The IO test runs until the process is killed, as it always has.
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+    return pincom_main(*gpio_, settings);
   }
   if (!gpio_->hasI2C()) settings.enable_minidisplay = 0;
+
+  if (settings.enable_eventsrv) bus_->startEventService(opt_.httpPort);
+
+  createSoundEngine();
+  if (opt_.enableAudio && engine_->soundInit(20, opt_.baseDir.c_str(), settings.channels, settings.frequency) != 0)
+    opt_.enableAudio = 0;
+  if (settings.sayVersion) engine_->sayVersion(kVersion);
+
+  // Scans the catalogue; with no set it plays the install hints and leaves an empty
+  // index, else it clamps settings.soundSet to the sets found and loads that set.
+  engine_->startSoundSets(opt_.baseDir);
+  writeConversions();
+
+  if (settings.sayMode) engine_->sayMode(settings.protocol);
+  bus_->openOutputs();
+  engine_->setVolumeInternal(settings.volume);
+
+  SoundEngine* e = engine_.get();
+  ProtocolHandlers* handlers = handlers_.get();
+  bus_->initGpio({[e](unsigned v) { e->soundHandler(v); },
+                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWpcHandler(c, static_cast<int>(v)); },
+                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWSHandler(c, static_cast<int>(v)); }});
+  bus_->startSession(opt_.playbackFile, opt_.recordFile);
+  if (opt_.enableAudio) engine_->startSoundServiceThread();
 
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
   return -1;
@@ -105,6 +199,11 @@ void Korvo::runMainLoop() {
   // return at once so the loop keeps its 1 ms cadence.
   for (unsigned long n = 1; loop_.keepRunning(); ++n) {
     loop_.checkStopTime(millis());
+    bus_->ackMusicIfDue(n, engine_->soundIsPlayingMusic() != 0);
+    unsigned now = static_cast<unsigned>(millis());
+    bus_->updatePincom(now);
+    bus_->updatePlayback(now);
+    engine_->updateSound(now);
     MainLoop::sleepToNextMillisecond();
     if (opt_.enableDebug && dataRdy(STDIN_FILENO)) {
       int c = getch();
@@ -117,7 +216,9 @@ void Korvo::runMainLoop() {
 void Korvo::shutdown() {
   LOG(LEVEL_INFO, "shutting down");
   if (terminalRaw_) reset_terminal_mode();
-  if (gpio_) gpio_->stopInterrupts();
+  // Capture first: no interrupt may post to an engine that is shutting down.
+  if (bus_) bus_->shutdown();
+  if (engine_) engine_->soundShutdown();
   flushLog();
   if (loop_.exitCode() == 2) rebootMachine();
 }
@@ -146,13 +247,17 @@ void Korvo::rebootMachine() {
 
 void Korvo::buttonClicked(unsigned durationMs) {
   ButtonActions a = buttonActionsFor(durationMs);
+  if (a.cycleSoundSet && engine_) engine_->cycleSoundSet(1);
+  if (a.cycleAudioDevice && engine_) engine_->cycleAudioDevice();
   if (a.reboot) rebootMachine();
 }
 
 int Korvo::main(int argc, char** argv, char** envp) {
+  // Installed before start-up so a stop request during a long start (prompts, set
+  // load) ends the daemon in order as soon as the loop is reached.
+  loop_.installSignalHandlers();
   int rc = startUp(argc, argv, envp);
   if (rc >= 0) return rc;
-  loop_.installSignalHandlers();
   runMainLoop();
   shutdown();
   return loop_.exitCode();

@@ -8,11 +8,14 @@
 #include <memory>
 #include <string>
 
+#include "bus/bus.h"
 #include "core/console.h"
 #include "core/mainloop.h"
 #include "core/options.h"
 #include "core/settings.h"
 #include "platform/gpio.h"
+#include "sound/protocol_handlers.h"
+#include "sound/sdl_sound.h"
 
 namespace korvo {
 
@@ -30,6 +33,8 @@ class Korvo {
   Configuration& configuration() { return config_; }
   const Options& options() const { return opt_; }
   Gpio* gpio() { return gpio_.get(); }
+  Bus* bus() { return bus_.get(); }
+  SoundEngine* engine() { return engine_.get(); }
   const std::string& baseDir() const { return opt_.baseDir; }
 
   // Runs the reboot command after shutdown (exit code 2) or on a long button press.
@@ -45,6 +50,11 @@ class Korvo {
   void openLogFile(const std::string& name);
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
+  void createSoundEngine();
+  // Start-up conversions of the loaded set: -K writes it as an xsnd container, -T
+  // as an AltSound table.
+  void writeConversions();
+  std::string findSoundsDir() const;
 
   Options opt_;
   std::string currDir_;
@@ -53,7 +63,13 @@ class Korvo {
   std::string boardModel_;
   unsigned boardSerial_ = 0;
   std::unique_ptr<Gpio> gpio_;
+  // The bus is built before the engine and shut down explicitly before it, so no
+  // interrupt can reach an engine that is going away.
+  std::unique_ptr<Bus> bus_;
   unsigned long startTime_ = 0;
+  std::unique_ptr<SoundEngine> engine_;
+  std::unique_ptr<SoundEngineProtocolPort> protocolPort_;
+  std::unique_ptr<ProtocolHandlers> handlers_;
   bool terminalRaw_ = false;
   std::unique_ptr<KeyboardConsole> console_;
   MainLoop loop_;

@@ -134,7 +134,7 @@ TEST(Cli, UsageVersionAndBadOptions) {
 TEST(Cli, StartsReadsSettingsAndQuitsFromTheConsole) {
   korvo::test::TempDir work;
   korvo::test::TempDir base;
-  korvo::test::writeFile(base / "mellosound.ini", "vendor=7\nsay_version=0\n");
+  korvo::test::writeFile(base / "mellosound.ini", "vendor=7\nsay_version=0\nsay_mode=0\nplay_boot=0\n");
   korvo::test::writeFile(work / "va.ini", "volume=33\nsound_set=2\n");
   Proc p = start({"-d", "-w", "WHITESTAR_X", base.str()}, work.str());
   std::string seen;
@@ -156,6 +156,7 @@ TEST(Cli, SigtermShutsDownInOrderAndLogFileIsAppended) {
   korvo::test::TempDir work;
   std::string logFile = (work / "korvo.log").string();
   korvo::test::writeFile(logFile, "previous line\n");
+  korvo::test::writeFile(work / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
   Proc p = start({"-f", logFile, "-l", "4", work.str()}, work.str());
   // The file log is flushed every 10000 loop rounds and at shutdown: give start-up
   // time, then stop the daemon and find everything in the file.
