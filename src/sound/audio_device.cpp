@@ -320,10 +320,9 @@ int SoundEngine::reopenAudioDevice(int n) {
     return -1;
   }
   const std::string previous = openDevice_;
-  // "default" is SDL's own default device; others go by the name SDL lists them under.
-  const std::string wanted = devices[static_cast<std::size_t>(n)].name == "default"
-                                 ? std::string()
-                                 : devices[static_cast<std::size_t>(n)].displayName;
+  // "default" is SDL's own default device; others are opened by their ALSA name.
+  const std::string wanted =
+      devices[static_cast<std::size_t>(n)].name == "default" ? std::string() : devices[static_cast<std::size_t>(n)].name;
   closeDevice();
   if (openDevice(wanted) != 0) {
     if (openDevice(previous) != 0) {

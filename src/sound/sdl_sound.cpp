@@ -1,7 +1,11 @@
 // The engine object, the mixer hooks and the frame counter.
 #include "sound/sdl_sound.h"
 
+#include <SDL2/SDL.h>
+
 #include <cinttypes>
+#include <cstdlib>
+#include <cstring>
 
 #include "core/log.h"
 #include "core/stringutil.h"
@@ -125,17 +129,31 @@ int SoundEngine::openDevice(const std::string& device) {
   Mix_SetPostMix(&SoundEngine::postMixCallback, this);
   bytesPerFrame_ = 2 * (channels_ > 0 ? channels_ : 2);
   const char* name = device.empty() ? nullptr : device.c_str();
-  if (Mix_OpenAudioDevice(frequency_, AUDIO_S16SYS, channels_ > 0 ? channels_ : 2, bufferFrames_, name,
-                          SDL_AUDIO_ALLOW_FREQUENCY_CHANGE) != 0) {
+  const int chans = channels_ > 0 ? channels_ : 2;
+  int rc = Mix_OpenAudioDevice(frequency_, AUDIO_S16SYS, chans, bufferFrames_, name, SDL_AUDIO_ALLOW_FREQUENCY_CHANGE);
+  const char* driver = SDL_GetCurrentAudioDriver();
+  if (rc != 0 && name && driver && std::strcmp(driver, "alsa") == 0) {
+    // SDL lists ALSA devices by description; an ALSA PCM name ("hw:CARD=x,DEV=0")
+    // reaches SDL's ALSA backend as the default device's name.
+    const char* old = std::getenv("AUDIODEV");
+    const std::string saved = old ? old : "";
+    setenv("AUDIODEV", name, 1);
+    rc = Mix_OpenAudioDevice(frequency_, AUDIO_S16SYS, chans, bufferFrames_, nullptr, SDL_AUDIO_ALLOW_FREQUENCY_CHANGE);
+    if (old)
+      setenv("AUDIODEV", saved.c_str(), 1);
+    else
+      unsetenv("AUDIODEV");
+  }
+  if (rc != 0) {
     LOG(LEVEL_ERROR, "could not open audio device '%s': %s", name ? name : "default", Mix_GetError());
     Mix_SetPostMix(nullptr, nullptr);
     return -1;
   }
-  int freq = 0, chans = 0;
+  int freq = 0, gotChans = 0;
   Uint16 format = 0;
-  if (Mix_QuerySpec(&freq, &format, &chans) != 0) {
+  if (Mix_QuerySpec(&freq, &format, &gotChans) != 0) {
     frequency_ = freq;
-    bytesPerFrame_ = static_cast<int>(SDL_AUDIO_BITSIZE(format) / 8) * chans;
+    bytesPerFrame_ = static_cast<int>(SDL_AUDIO_BITSIZE(format) / 8) * gotChans;
   }
   Mix_AllocateChannels(kMixChannels);
   for (int i = 0; i < kMixChannels; i++) idPlayingOnChannel_[i].store(kChannelIdle);
@@ -145,7 +163,7 @@ int SoundEngine::openDevice(const std::string& device) {
   deviceOpen_ = true;
   openDevice_ = device;
   LOG(LEVEL_INFO, "audio device '%s' open: %d Hz, %d channels, %d frames per buffer", name ? name : "default",
-      frequency_, chans, bufferFrames_);
+      frequency_, gotChans, bufferFrames_);
   return 0;
 }
 

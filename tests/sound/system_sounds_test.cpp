@@ -144,3 +144,32 @@ TEST_F(SystemSounds, ControlLinesSurviveSettingsWrites) {
 
 }  // namespace
 }  // namespace korvo
+
+namespace korvo {
+namespace {
+
+// Reopening: the default device comes back with the volume and a "ready" prompt; a
+// device that does not open leaves the previous one playing; a bad index changes nothing.
+TEST_F(SystemSounds, ReopenAndCycleAudioDevice) {
+  makeSet("one");
+  openEngine();
+  loadSets();
+  int writes = 0;
+  engine->hooks().writeSettings = [&] { writes++; };
+  test::LogCapture cap;
+  EXPECT_EQ(0, engine->reopenAudioDevice(0));
+  EXPECT_TRUE(cap.contains("ready.ogg"));
+  EXPECT_EQ(1, writes);
+  EXPECT_EQ(-1, engine->reopenAudioDevice(99));
+  EXPECT_TRUE(cap.contains("no audio device 99"));
+  if (getAudioDevices().size() > 1) {
+    // The disk driver has only its default device: the ALSA name is refused.
+    EXPECT_EQ(-1, engine->reopenAudioDevice(1));
+  }
+  EXPECT_EQ(1, engine->enableAudio());
+  engine->handleSoundByType(10);
+  ASSERT_TRUE(test::waitFor([&] { return !onsets.get(10).empty(); }));
+}
+
+}  // namespace
+}  // namespace korvo
