@@ -35,7 +35,6 @@ std::string dirOf(const std::string& path) {
 }  // namespace
 
 int writeFileAtomic(const std::string& path, std::string_view content) {
-  std::string dir = dirOf(path);
   std::string tmpl = path + ".tmpXXXXXX";
   int fd = mkstemp(tmpl.data());
   if (fd < 0) {
@@ -54,13 +53,16 @@ int writeFileAtomic(const std::string& path, std::string_view content) {
     unlink(tmpl.c_str());
     return -1;
   }
-  // The rename itself must reach the disk too.
-  int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+  syncDirectoryOf(path);
+  return 0;
+}
+
+void syncDirectoryOf(const std::string& path) {
+  int dfd = ::open(dirOf(path).c_str(), O_RDONLY | O_DIRECTORY);
   if (dfd >= 0) {
     fsync(dfd);
     ::close(dfd);
   }
-  return 0;
 }
 
 bool readWholeFile(const std::string& path, std::string& out) {

@@ -13,6 +13,8 @@ namespace korvo {
 int writeFileAtomic(const std::string& path, std::string_view content);
 // Copies `from` over `to` atomically. 0 on success, -1 with an ERROR line.
 int copyFileAtomic(const std::string& from, const std::string& to);
+// Syncs the directory holding `path`, so a rename into it reaches the disk too.
+void syncDirectoryOf(const std::string& path);
 // Reads a whole file; false if it cannot be opened or read.
 bool readWholeFile(const std::string& path, std::string& out);
 // Replaces each line of `path` beginning with `keyPrefix` (case-sensitive) by

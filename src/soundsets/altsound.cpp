@@ -168,6 +168,19 @@ uint32_t musicDucking(const IniSections& ini, const std::string& gtype, int prof
   return 100;
 }
 
+// Replaces the index's sounds by the records read from a table: each record's size is
+// its first file's, and its chunk slots match its files.
+void installRecords(SampleIndex& index, std::vector<std::unique_ptr<AudioSample>>& records, const std::string& path) {
+  for (auto& r : records) {
+    struct stat st{};
+    if (!r->samples.empty() && ::stat(r->samples.front().c_str(), &st) == 0) r->size = static_cast<uint32_t>(st.st_size);
+    r->syncChunks();
+  }
+  index.clearSamples();
+  for (auto& r : records) index.addSample(std::move(r));
+  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap.mapSize(), path.c_str());
+}
+
 int readGSound(SampleIndex& index, const std::string& setDir, const std::string& path) {
   CsvTable t;
   if (!t.load(path)) {
@@ -220,14 +233,7 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
     }
     rec->samples.push_back(file);
   }
-  for (auto& r : records) {
-    struct stat st{};
-    if (!r->samples.empty() && ::stat(r->samples.front().c_str(), &st) == 0) r->size = static_cast<uint32_t>(st.st_size);
-    r->syncChunks();
-  }
-  index.clearSamples();
-  for (auto& r : records) index.addSample(std::move(r));
-  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap.mapSize(), path.c_str());
+  installRecords(index, records, path);
   return 0;
 }
 
@@ -369,14 +375,7 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
     }
     rec->samples.push_back(file);
   }
-  for (auto& r : records) {
-    struct stat st{};
-    if (!r->samples.empty() && ::stat(r->samples.front().c_str(), &st) == 0) r->size = static_cast<uint32_t>(st.st_size);
-    r->syncChunks();
-  }
-  index.clearSamples();
-  for (auto& r : records) index.addSample(std::move(r));
-  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap.mapSize(), path.c_str());
+  installRecords(index, records, path);
   return 0;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/fileutil.h"
 #include "core/log.h"
 #include "core/stringutil.h"
 
@@ -49,16 +50,6 @@ bool writeAll(int fd, const char* data, std::size_t len) {
     len -= static_cast<std::size_t>(n);
   }
   return true;
-}
-
-void syncDirOf(const std::string& path) {
-  auto slash = path.find_last_of('/');
-  std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (dfd >= 0) {
-    fsync(dfd);
-    ::close(dfd);
-  }
 }
 
 // Copies one entry to `dest` through a temporary file in the same directory.
@@ -118,7 +109,7 @@ int extractEntry(zip_t* za, zip_uint64_t index, const zip_stat_t& st, const std:
     ::unlink(tmp.c_str());
     return rc;
   }
-  syncDirOf(dest);
+  syncDirectoryOf(dest);
   return UNZIP_OK;
 }
 

@@ -239,16 +239,6 @@ void fillMessage(SampleMessage& m, const AudioSample& s, const std::vector<CompF
   a.duckingdefault = s.duckingdefault;
 }
 
-void syncDirOf(const std::string& path) {
-  auto slash = path.find_last_of('/');
-  std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (dfd >= 0) {
-    fsync(dfd);
-    ::close(dfd);
-  }
-}
-
 std::unique_ptr<AudioSample> recordFromMessage(const ::AudioSample& a, const ::SoundSet& set,
                                                const SampleIndex& index, const std::string& path, off_t fileSize) {
   // Not newAudioSampleForId: its room for ten files is two allocations per sound that
@@ -599,7 +589,7 @@ int writeSamplesToBinary(SampleIndex& index, const std::string& path, bool strip
     ::unlink(tmp.c_str());
     return -1;
   }
-  syncDirOf(path);
+  syncDirectoryOf(path);
   auto used = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
   LOG(LEVEL_INFO, "done. used %d ms", static_cast<int>(used.count()));
   return 0;
