@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/wav.h"
 #include "bus/pincom.h"
 #include "bus/sim_board.h"
 #include "core/log.h"
@@ -28,26 +29,6 @@ using namespace korvo;
 namespace fs = std::filesystem;
 
 namespace {
-
-void writeSineWav(const fs::path& p, double seconds, double hz) {
-  fs::create_directories(p.parent_path());
-  const int rate = 44100;
-  const uint32_t frames = static_cast<uint32_t>(seconds * rate);
-  std::string data;
-  for (uint32_t i = 0; i < frames; i++) {
-    const int16_t v = static_cast<int16_t>(8000 * std::sin(2.0 * M_PI * hz * i / rate));
-    data.push_back(static_cast<char>(v & 0xff));
-    data.push_back(static_cast<char>((v >> 8) & 0xff));
-  }
-  auto u32 = [](uint32_t v) {
-    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-                       static_cast<char>(v >> 24)};
-  };
-  auto u16 = [](uint16_t v) { return std::string{static_cast<char>(v), static_cast<char>(v >> 8)}; };
-  std::ofstream(p, std::ios::binary) << "RIFF" + u32(36 + static_cast<uint32_t>(data.size())) + "WAVEfmt " + u32(16) +
-                                            u16(1) + u16(1) + u32(rate) + u32(rate * 2) + u16(2) + u16(16) + "data" +
-                                            u32(static_cast<uint32_t>(data.size())) + data;
-}
 
 struct Onsets {
   std::mutex m;
@@ -74,9 +55,9 @@ int main() {
   const fs::path base = dir / "sets";
   constexpr int kIds = 8;
   // A PINSOUND set is recognised by its music folder.
-  writeSineWav(base / "demo" / "music" / "1-m" / "m.wav", 0.5, 220.0);
+  test::writeSineWav(base / "demo" / "music" / "1-m" / "m.wav", 0.5, 8000, 220.0);
   for (int i = 0; i < kIds; ++i)
-    writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 440.0 + 50 * i);
+    test::writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 8000, 440.0 + 50 * i);
   const std::string raw = (dir / "out.raw").string();
   setenv("SDL_AUDIODRIVER", "disk", 1);
   setenv("SDL_DISKAUDIOFILE", raw.c_str(), 1);

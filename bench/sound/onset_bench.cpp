@@ -22,6 +22,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/wav.h"
 #include "core/log.h"
 #include "core/settings.h"
 #include "core/stringutil.h"
@@ -53,26 +54,6 @@ struct Recorder {
     }
   }
 };
-
-void writeSineWav(const fs::path& p, double seconds, int amplitude, double hz) {
-  fs::create_directories(p.parent_path());
-  const int rate = 44100;
-  const uint32_t frames = static_cast<uint32_t>(seconds * rate);
-  std::string data;
-  for (uint32_t i = 0; i < frames; i++) {
-    const int16_t v = static_cast<int16_t>(amplitude * std::sin(2.0 * M_PI * hz * i / rate));
-    data.push_back(static_cast<char>(v & 0xff));
-    data.push_back(static_cast<char>((v >> 8) & 0xff));
-  }
-  auto u32 = [](uint32_t v) {
-    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-                       static_cast<char>(v >> 24)};
-  };
-  auto u16 = [](uint16_t v) { return std::string{static_cast<char>(v), static_cast<char>(v >> 8)}; };
-  std::ofstream(p, std::ios::binary) << "RIFF" + u32(36 + static_cast<uint32_t>(data.size())) + "WAVEfmt " + u32(16) +
-                                            u16(1) + u16(1) + u32(rate) + u32(rate * 2) + u16(2) + u16(16) + "data" +
-                                            u32(static_cast<uint32_t>(data.size())) + data;
-}
 
 double percentile(std::vector<double> v, double p) {
   if (v.empty()) return 0;
@@ -113,7 +94,7 @@ int main(int argc, char** argv) {
   const fs::path tmp = fs::temp_directory_path() / strFormat("onset-bench-%d", static_cast<int>(getpid()));
   const fs::path base = tmp / "sets";
   fs::create_directories(base / "bench/music");
-  for (int i = 1; i <= kIds; i++) writeSineWav(base / strFormat("bench/sfx/%d-s%d/s.wav", i, i), 0.002, 4000, 440.0 + 40 * i);
+  for (int i = 1; i <= kIds; i++) test::writeSineWav(base / strFormat("bench/sfx/%d-s%d/s.wav", i, i), 0.002, 4000, 440.0 + 40 * i);
 
   // Real-time pacing: the disk driver sleeps one buffer's duration per pass.
   setenv("SDL_AUDIODRIVER", "disk", 1);
