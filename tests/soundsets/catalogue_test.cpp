@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
-#include "set_fixture.h"
 #include "soundsets/catalogue.h"
+#include "storage_fixture.h"
 
 namespace korvo {
 namespace {
@@ -13,31 +13,19 @@ using test::TempDir;
 using test::writeFile;
 namespace fs = std::filesystem;
 
-// Directory order is the file system's; the tests compare with a plain listing.
-std::vector<std::string> listing(const fs::path& dir) {
-  std::vector<std::string> names;
-  for (auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
-  return names;
-}
-
 TEST(Catalogue, FindsSetsByTypeInDirectoryOrder) {
   TempDir base;
-  writeFile(base / "a.xsnd", "x");
-  writeFile(base / ".hidden.xsnd", "x");
-  writeFile(base / "c.XSND", "x");
-  fs::create_directories(base / "b" / "music");
-  fs::create_directories(base / "both" / "music");
-  writeFile(base / "both" / "altsound.csv", "ID,CHANNEL\n");
-  fs::create_directories(base / "notaset" / "sfx");
-  fs::create_directories(base / ".trash" / "music");
-  writeFile(base / "readme.txt", "x");
-
+  for (const char* f : {"a.xsnd", ".hidden.xsnd", "c.XSND", "readme.txt", "both/altsound.csv"}) writeFile(base / f, "x");
+  for (const char* d : {"b/music", "both/music", "notaset/sfx", ".trash/music"}) fs::create_directories(base / d);
   SoundSetCatalogue cat;
   cat.searchSoundSets(base.str());
   ASSERT_EQ(cat.maxSoundSets, 3);
+  // Directory order is the file system's: compare with a plain listing.
   std::vector<std::string> expectedOrder;
-  for (auto& n : listing(base.path()))
+  for (auto& e : fs::directory_iterator(base.path())) {
+    std::string n = e.path().filename().string();
     if (n == "a.xsnd" || n == "b" || n == "both") expectedOrder.push_back(n);
+  }
   for (int i = 1; i <= 3; ++i) {
     const SoundSet* s = cat.get(i);
     ASSERT_NE(s, nullptr);
@@ -45,8 +33,7 @@ TEST(Catalogue, FindsSetsByTypeInDirectoryOrder) {
     EXPECT_EQ(s->basedir, base.str() + "/" + s->name);
     EXPECT_EQ(s->type, s->name == "a.xsnd" ? XSNDFILE : s->name == "b" ? PINSOUND : ALTSOUND);
   }
-  EXPECT_FALSE(cat.isValidSoundSetIndex(0));
-  EXPECT_FALSE(cat.isValidSoundSetIndex(4));
+  EXPECT_FALSE(cat.isValidSoundSetIndex(0) || cat.isValidSoundSetIndex(4));
   EXPECT_EQ(cat.get(0), nullptr);
   EXPECT_EQ(cat.clampIndex(7), 3);
   EXPECT_EQ(cat.clampIndex(-2), 1);
@@ -58,7 +45,6 @@ TEST(Catalogue, AtMostTenAndUnreadableBase) {
   SoundSetCatalogue cat;
   cat.searchSoundSets(base.str());
   EXPECT_EQ(cat.maxSoundSets, 10);
-
   LogCapture cap;
   cat.searchSoundSets(base.str() + "/vanished");
   EXPECT_EQ(cat.maxSoundSets, 0);
@@ -66,73 +52,52 @@ TEST(Catalogue, AtMostTenAndUnreadableBase) {
   EXPECT_EQ(cat.clampIndex(3), 1);
 }
 
-TEST(Catalogue, RemoveByType) {
-  TempDir base;
-  fs::create_directories(base / "pin" / "music" / "1-a");
-  writeFile(base / "pin" / "music" / "1-a" / "a.ogg", "x");
+TEST(Catalogue, RemoveByTypeNeverFollowingALink) {
+  TempDir base, elsewhere;
+  writeFile(base / "pin/music/1-a/a.ogg", "x");
   writeFile(base / "box.xsnd", "x");
-  fs::create_directories(base / "alt");
-  writeFile(base / "alt" / "altsound.csv", "ID\n");
+  writeFile(base / "alt/altsound.csv", "ID\n");
+  writeFile(elsewhere / "music/1-a/a.ogg", "keep");
+  fs::create_directory_symlink(elsewhere.path(), base / "linked");
   SoundSetCatalogue cat;
   std::vector<int> switched;
   cat.switchToSoundSet = [&](int n) { switched.push_back(n); };
   cat.searchSoundSets(base.str());
-  ASSERT_EQ(cat.maxSoundSets, 3);
+  ASSERT_EQ(cat.maxSoundSets, 4);
   auto numberOf = [&](const std::string& name) {
     for (int i = 1; i <= cat.maxSoundSets; ++i)
       if (cat.get(i)->name == name) return i;
     return 0;
   };
-
   EXPECT_EQ(cat.removeSoundSet(0, base.str()), 1);
-  EXPECT_EQ(cat.removeSoundSet(4, base.str()), 1);
+  EXPECT_EQ(cat.removeSoundSet(5, base.str()), 1);
   EXPECT_TRUE(switched.empty());
 
   EXPECT_EQ(cat.removeSoundSet(numberOf("alt"), base.str()), 0);
-  EXPECT_TRUE(fs::exists(base / "alt" / "altsound.csv"));
-  EXPECT_EQ(cat.maxSoundSets, 2);
+  EXPECT_TRUE(fs::exists(base / "alt/altsound.csv"));  // a table set's files stay
+  EXPECT_EQ(cat.maxSoundSets, 3);
   EXPECT_EQ(numberOf("alt"), 0);
-  EXPECT_NE(cat.get(2), nullptr);  // renumbered without a gap
-
+  EXPECT_NE(cat.get(3), nullptr);  // renumbered without a gap
   EXPECT_EQ(cat.removeSoundSet(numberOf("box.xsnd"), base.str()), 0);
   EXPECT_FALSE(fs::exists(base / "box.xsnd"));
   EXPECT_EQ(cat.removeSoundSet(numberOf("pin"), base.str()), 0);
   EXPECT_FALSE(fs::exists(base / "pin"));
-  EXPECT_EQ(switched, (std::vector<int>{1, 1, 1}));
-}
-
-TEST(Catalogue, RemoveDoesNotFollowALinkedSet) {
-  TempDir base;
-  TempDir elsewhere;
-  fs::create_directories(elsewhere / "music" / "1-a");
-  writeFile(elsewhere / "music" / "1-a" / "a.ogg", "keep");
-  fs::create_directory_symlink(elsewhere.path(), base / "linked");
-  SoundSetCatalogue cat;
-  cat.searchSoundSets(base.str());
-  ASSERT_EQ(cat.maxSoundSets, 1);
-  EXPECT_EQ(cat.removeSoundSet(1, base.str()), 0);
+  EXPECT_EQ(cat.removeSoundSet(numberOf("linked"), base.str()), 0);
   EXPECT_FALSE(fs::exists(base / "linked"));
-  EXPECT_TRUE(fs::exists(elsewhere / "music" / "1-a" / "a.ogg"));
+  EXPECT_TRUE(fs::exists(elsewhere / "music/1-a/a.ogg"));
+  EXPECT_EQ(switched, (std::vector<int>{1, 1, 1, 1}));
 }
 
-TEST(IdMapping, Lines) {
-  Settings s;
-  SampleIndex idx(s);
-  EXPECT_EQ(idx.handleLine("1F 900123"), 1);
-  EXPECT_EQ(idx.handleLine("# 1F 900124"), 0);
-  EXPECT_EQ(idx.handleLine("1F"), -1);
-  EXPECT_EQ(idx.handleLine("zz 900125"), -1);
-  EXPECT_EQ(idx.handleLine("gain_music=10"), 0);
-  EXPECT_EQ(idx.handleLine("20 900123"), 1);  // a later line replaces
-  ASSERT_NE(idx.hashesMap.mapGet1(900123), nullptr);
-  EXPECT_EQ(*idx.hashesMap.mapGet1(900123), 0x20u);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
-}
-
-TEST(IdMapping, FilesPlainAndGzip) {
+TEST(IdMapping, LinesPlainFilesGzipAndDamagedGzip) {
   TempDir dir;
   Settings s;
   SampleIndex idx(s);
+  const std::pair<const char*, int> lines[] = {{"1F 900123", 1}, {"# 1F 900124", 0}, {"1F", -1},
+                                               {"zz 900125", -1}, {"gain_music=10", 0}, {"20 900123", 1}};
+  for (auto [line, rc] : lines) EXPECT_EQ(idx.handleLine(line), rc) << line;
+  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
+  EXPECT_EQ(*idx.hashesMap.mapGet1(900123), 0x20u);  // a later line replaces
+
   writeFile(dir / "config.mellosnd", "1F 900123\r\njunk line\r\n\r\n#2 3\r\n2a 900124");
   LogCapture cap;
   EXPECT_EQ(idx.loadHashMapping(dir.str()), 1);
@@ -140,33 +105,22 @@ TEST(IdMapping, FilesPlainAndGzip) {
   EXPECT_EQ(*idx.hashesMap.mapGet1(900124), 0x2Au);
   EXPECT_TRUE(cap.contains("line 2 is not a mapping, ignored"));
   EXPECT_TRUE(cap.contains("loaded 2 hashes"));
-
   test::writeGzip(dir / "4711.mellosnd", "0a 1\n0b 2\n");
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "4711.mellosnd"), 1);
   EXPECT_EQ(idx.hashesMap.mapSize(), 2);  // the previous mapping is gone
   EXPECT_EQ(*idx.hashesMap.mapGet1(2), 0x0Bu);
-
-  // A file named by a number that is not gzip is still read; a damaged stream keeps
-  // what was read before the damage.
-  writeFile(dir / "5.mellosnd", "0c 3\n");
+  writeFile(dir / "5.mellosnd", "0c 3\n");  // named by a number, yet not gzip: still read
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "5.mellosnd"), 1);
   EXPECT_EQ(idx.hashesMap.mapSize(), 1);
-
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "none.mellosnd"), 0);
   EXPECT_EQ(idx.hashesMap.mapSize(), 0);
   EXPECT_TRUE(cap.contains("no hashes found in '" + dir.str() + "/none.mellosnd'"));
-}
-
-TEST(IdMapping, DamagedGzipIsRefusedCalmly) {
-  TempDir dir;
-  Settings s;
-  SampleIndex idx(s);
+  // A damaged stream is refused calmly.
   test::writeGzip(dir / "6.mellosnd", std::string(5000, '\n') + "0d 4\n");
   std::string bytes = test::readFile(dir / "6.mellosnd");
   bytes.resize(bytes.size() / 2);
-  bytes[bytes.size() - 1] ^= 0x55;
+  bytes.back() ^= 0x55;
   writeFile(dir / "6.mellosnd", bytes);
-  LogCapture cap;
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "6.mellosnd"), 1);
   EXPECT_EQ(idx.hashesMap.mapSize(), 0);
 }
@@ -183,29 +137,24 @@ TEST(MoveSound, RefusesWhatWouldLoseOrMisplaceData) {
   EXPECT_EQ(s->type, before);
   EXPECT_TRUE(fs::exists(f.dir("sfx/1-a/a.ogg")));
   EXPECT_TRUE(fs::exists(f.dir("voice/1-a/other.ogg")));
-
   EXPECT_EQ(f.idx.moveSoundToGroup(2, SYSTEM), 1);
   EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
   EXPECT_EQ(f.idx.moveSoundToGroup(2, JINGLE), 0);  // unchanged: nothing to do
   EXPECT_EQ(f.idx.moveSoundToGroup(3, JINGLE), 1);
-
   f.idx.setType = XSNDFILE;
   EXPECT_EQ(f.idx.moveSoundToGroup(2, MUSIC), 0);
   EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
 }
 
 TEST(MoveSound, BasePathHoldingATypeWord) {
-  test::TempDir tmp;
-  Settings s;
-  SampleIndex idx(s);
-  SoundSet set;
-  set.basedir = (tmp / "music" / "sfx-pack").string();
-  test::writeFile(fs::path(set.basedir) / "sfx" / "3-c" / "a.ogg", "x");
-  fs::create_directories(fs::path(set.basedir) / "music");
-  ASSERT_EQ(idx.initSamples(set, 0), 0);
-  ASSERT_EQ(idx.moveSoundToGroup(3, MUSIC), 0);
-  EXPECT_TRUE(fs::exists(fs::path(set.basedir) / "music" / "3-c" / "a.ogg"));
-  EXPECT_EQ(idx.getSampleForId(3)->basepath, set.basedir + "/music/3-c");
+  test::SetFixture f;
+  f.set.basedir = (f.tmp / "music" / "sfx-pack").string();
+  f.sound("sfx/3-c");
+  fs::create_directories(f.dir("music"));
+  ASSERT_EQ(f.load(), 0);
+  ASSERT_EQ(f.idx.moveSoundToGroup(3, MUSIC), 0);
+  EXPECT_TRUE(fs::exists(f.dir("music/3-c/a.ogg")));
+  EXPECT_EQ(f.idx.getSampleForId(3)->basepath, f.set.basedir + "/music/3-c");
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "set_fixture.h"
+#include "storage_fixture.h"
 
 namespace korvo {
 namespace {
@@ -12,26 +12,19 @@ using test::SetFixture;
 
 TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
   SetFixture f;
-  f.sound("music/0x1F-Theme");
-  f.sound("sfx/32-Boom loud");     // the name ends at the first blank
-  f.sound("sfx/12-");              // no name: skipped
-  f.sound("sfx/13");               // no "-": skipped
-  f.sound("sfx/4294967295-Max");   // all ones is not an id
-  f.sound("sfx/Foo-1");            // no id
-  f.sound("Music/40-Wrong");       // type directories are matched exactly
-  f.sound("system/41-NotScanned");
-  f.sound("voice/0x2a-Hello");
+  for (const char* d : {"music/0x1F-Theme", "sfx/32-Boom loud" /* the name ends at the first blank */,
+                        "sfx/12-" /* no name */, "sfx/13" /* no "-" */, "sfx/4294967295-Max" /* not an id */,
+                        "sfx/Foo-1", "Music/40-Wrong" /* type directories match exactly */, "system/41-NotScanned",
+                        "voice/0x2a-Hello"})
+    f.sound(d);
   ASSERT_EQ(f.load(), 0);
-
   EXPECT_EQ(f.idx.samplesMap.mapSize(), 3);
   AudioSample* theme = f.idx.getSampleForId(31);
-  ASSERT_NE(theme, nullptr);
+  ASSERT_TRUE(theme && f.idx.getSampleForId(32) && f.idx.getSampleForId(42));
   EXPECT_EQ(theme->name, "Theme");
   EXPECT_EQ(theme->type, MUSIC);
   EXPECT_EQ(theme->magic, 0u);
   EXPECT_EQ(theme->basepath, f.dir("music/0x1F-Theme").string());
-  EXPECT_EQ(theme->isplayingonchannel, -1);
-  ASSERT_NE(f.idx.getSampleForId(32), nullptr);
   EXPECT_EQ(f.idx.getSampleForId(32)->name, "Boom");
   EXPECT_EQ(f.idx.getSampleForId(42)->type, VOICE);
   EXPECT_EQ(f.idx.hashOfAllIds, 31u + 32u + 42u);
@@ -50,73 +43,53 @@ TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   f.file("sfx/2-Serial/SERIAL.txt", "S1 S2 \t\r\nsecond line\n");
   f.sound("sfx/3-Empty", {"notes.txt"});
   std::vector<std::string> eleven;
-  for (int i = 0; i < 11; ++i) eleven.push_back(std::string(1, static_cast<char>('a' + i)) + ".ogg");
+  for (char c = 'a'; c < 'a' + 11; ++c) eleven.push_back(std::string(1, c) + ".ogg");
   f.sound("sfx/4-Many", eleven, 10);
   f.file("sfx/4-Many/dontpreload", "");
   f.sound("jingle/5-Tuned", {"a.ogg"}, 100);
   f.file("jingle/5-Tuned/Gain.TXT", " 10\n");
   f.file("jingle/5-Tuned/ducking.txt", "40");
   f.file("jingle/5-Tuned/shaker.TXT", "100, 50;100 x\nignored 7\n");
-
   LogCapture cap;
   ASSERT_EQ(f.load(), 0);
   EXPECT_TRUE(cap.contains("Found sound directory, but no sound file: " + f.dir("sfx/3-Empty").string()));
   EXPECT_EQ(f.idx.getSampleForId(3), nullptr);
-
-  AudioSample* files = f.idx.getSampleForId(1);
-  ASSERT_NE(files, nullptr);
+  AudioSample *files = f.idx.getSampleForId(1), *serial = f.idx.getSampleForId(2), *many = f.idx.getSampleForId(4),
+              *tuned = f.idx.getSampleForId(5);
+  ASSERT_TRUE(files && serial && many && tuned);
   ASSERT_EQ(files->samples.size(), 2u);  // b.wav and c.mp3 only
-  EXPECT_EQ(files->chunk.size(), files->samples.size());
+  EXPECT_EQ(files->chunk.size(), 2u);
   EXPECT_EQ(files->size, 200u);
   EXPECT_TRUE(files->preload);  // larger than the threshold
-  EXPECT_EQ(files->gain, 50u);
-  EXPECT_TRUE(files->gaindefault);
+  EXPECT_TRUE(files->gaindefault && files->duckingdefault);
   EXPECT_EQ(files->ducking, 80u);  // the sfx default
-  EXPECT_TRUE(files->duckingdefault);
-
-  AudioSample* serial = f.idx.getSampleForId(2);
-  ASSERT_NE(serial, nullptr);
   EXPECT_TRUE(serial->samples.empty());
   EXPECT_EQ(serial->serialcmd, "S1 S2");
-
-  AudioSample* many = f.idx.getSampleForId(4);
-  ASSERT_NE(many, nullptr);
   EXPECT_EQ(many->samples.size(), 10u);
   EXPECT_FALSE(many->preload);
-
-  AudioSample* tuned = f.idx.getSampleForId(5);
-  ASSERT_NE(tuned, nullptr);
   EXPECT_EQ(tuned->gain, 33u);
-  EXPECT_FALSE(tuned->gaindefault);
   EXPECT_EQ(tuned->ducking, 40u);
-  EXPECT_FALSE(tuned->duckingdefault);
+  EXPECT_FALSE(tuned->gaindefault || tuned->duckingdefault);
   EXPECT_FALSE(tuned->preload);  // not above the threshold
   EXPECT_EQ(tuned->shakersequence, (std::vector<uint32_t>{100, 50, 100, 0}));
 }
 
 TEST(PinsoundScan, GainFileScaleAndBadContent) {
   SetFixture f;
-  const std::pair<const char*, unsigned> cases[] = {{"30", 100}, {"45", 100}, {"-3", 0}, {"15", 50}, {"0", 0}};
-  unsigned id = 1;
-  for (auto [text, expected] : cases) {
-    std::string rel = "sfx/" + std::to_string(id) + "-g";
-    f.sound(rel);
-    f.file(rel + "/gain.txt", text);
-    ++id;
+  // Gain files hold 0..30; text keeps the default value but counts as set.
+  const std::pair<const char*, unsigned> cases[] = {{"30", 100}, {"45", 100}, {"-3", 0},    {"15", 50},
+                                                    {"0", 0},    {"loud", 50}, {"99999999999999", 100}};
+  for (unsigned id = 1; id <= std::size(cases); ++id) {
+    f.sound("sfx/" + std::to_string(id) + "-g");
+    f.file("sfx/" + std::to_string(id) + "-g/gain.txt", cases[id - 1].first);
   }
-  f.sound("sfx/10-text");
-  f.file("sfx/10-text/gain.txt", "loud");
-  f.sound("sfx/11-huge");
-  f.file("sfx/11-huge/gain.txt", "99999999999999");
   LogCapture cap;
   ASSERT_EQ(f.load(), 0);
-  id = 1;
-  for (auto [text, expected] : cases) EXPECT_EQ(f.idx.getSampleForId(id++)->gain, expected) << text;
-  AudioSample* t = f.idx.getSampleForId(10);
-  EXPECT_EQ(t->gain, 50u);
-  EXPECT_FALSE(t->gaindefault);  // the file is there, its content is not a number
-  EXPECT_TRUE(cap.contains("no number in " + f.dir("sfx/10-text/gain.txt").string()));
-  EXPECT_EQ(f.idx.getSampleForId(11)->gain, 100u);
+  for (unsigned id = 1; id <= std::size(cases); ++id) {
+    EXPECT_EQ(f.idx.getSampleForId(id)->gain, cases[id - 1].second) << cases[id - 1].first;
+    EXPECT_FALSE(f.idx.getSampleForId(id)->gaindefault) << cases[id - 1].first;
+  }
+  EXPECT_TRUE(cap.contains("no number in " + f.dir("sfx/6-g/gain.txt").string()));
 }
 
 TEST(PinsoundScan, TypeDirectoryGainAndSerial) {
@@ -139,65 +112,50 @@ TEST(PinsoundScan, NumberedFileReidsTheSound) {
   f.sound("sfx/13-plain", {"01.ogg"});
   ASSERT_EQ(f.load(), 0);
   EXPECT_EQ(f.idx.getSampleForId(12), nullptr);
-  AudioSample* s = f.idx.getSampleForId(200);
-  ASSERT_NE(s, nullptr);
-  EXPECT_EQ(s->magic, 12u);
+  ASSERT_NE(f.idx.getSampleForId(200), nullptr);
+  EXPECT_EQ(f.idx.getSampleForId(200)->magic, 12u);
+  EXPECT_NE(f.idx.getSampleForId(13), nullptr);
   EXPECT_EQ(f.idx.haveFilenameNumbers, 1);
   EXPECT_EQ(f.idx.hashOfAllIds, 25u);  // directory ids, not file numbers
-  ASSERT_NE(f.idx.getSampleForId(13), nullptr);
 }
 
-TEST(PinsoundScan, DuplicateIdsLaterWins) {
+TEST(PinsoundScan, DuplicateIdsLaterWinsAndAVanishedSetIsEmpty) {
   SetFixture f;
   f.sound("sfx/7-first");
   f.sound("voice/0x7-second");
   ASSERT_EQ(f.load(), 0);
   EXPECT_EQ(f.idx.samplesMap.mapSize(), 1);
   EXPECT_EQ(f.set.samples.size(), 1u);
-}
-
-TEST(PinsoundScan, MissingBaseDirectoryGivesEmptySet) {
-  SetFixture f;
-  f.sound("sfx/1-a");
-  ASSERT_EQ(f.load(), 0);
-  ASSERT_EQ(f.set.samples.size(), 1u);
   std::filesystem::remove_all(f.set.basedir);
   EXPECT_EQ(f.load(), 0);
   EXPECT_EQ(f.idx.samplesMap.mapSize(), 0);
   EXPECT_TRUE(f.set.samples.empty());
 }
 
-TEST(PinsoundScrambled, NoMappingFailsWithResultOne) {
-  SetFixture f;
-  f.sound("sfx/900001-x");
+TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopied) {
+  SetFixture none;
+  none.sound("sfx/900001-x");
   LogCapture cap;
-  EXPECT_EQ(f.load(), 1);
+  EXPECT_EQ(none.load(), 1);
   EXPECT_TRUE(cap.contains("looks like a scrambled soundset is used, but no mapping provided"));
-  EXPECT_EQ(f.idx.scrambledIds, 1);
-}
+  EXPECT_EQ(none.idx.scrambledIds, 1);
 
-TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopiedWithJ) {
   SetFixture f;
   f.sound("sfx/900123-x");
   f.sound("sfx/900124-y");
   f.sound("music/5-unmapped");
   f.file("config.mellosnd", "# mapping\n1F 900123\n20 900124\nvendor=3\n");
-  LogCapture cap;
   ASSERT_EQ(f.load(1), 0);
-  AudioSample* s = f.idx.getSampleForId(31);
-  ASSERT_NE(s, nullptr);
-  EXPECT_EQ(s->magic, 900123u);
-  ASSERT_NE(f.idx.getSampleForId(0x20), nullptr);
+  ASSERT_TRUE(f.idx.getSampleForId(31) && f.idx.getSampleForId(0x20));
+  EXPECT_EQ(f.idx.getSampleForId(31)->magic, 900123u);
   EXPECT_EQ(f.idx.hashingIsUsed, 1);
   EXPECT_TRUE(cap.contains("unmapped sample 0000000005"));
-  uint32_t hash = 900123u + 900124u + 5u;
+  const uint32_t hash = 900123u + 900124u + 5u;
   EXPECT_EQ(f.idx.hashOfAllIds, hash);
-  auto copied = f.tmp / "configs" / (std::to_string(hash) + ".mellosnd");
-  EXPECT_TRUE(std::filesystem::exists(copied));
+  EXPECT_TRUE(std::filesystem::exists(f.tmp / "configs" / (std::to_string(hash) + ".mellosnd")));
   EXPECT_EQ(f.idx.configFileToWrite, "config.mellosnd");
-
-  // The same set elsewhere without its mapping file finds the copy by the id hash;
-  // its edits then go to a configuration file of its own.
+  // Without its mapping file the set finds the copy by the id hash; its edits then go
+  // to a configuration file of its own.
   std::filesystem::remove(f.dir("config.mellosnd"));
   SampleIndex again(f.s);
   again.configsDir = f.idx.configsDir;
@@ -212,16 +170,14 @@ TEST(PinsoundScrambled, SharedMappingIsGzipAndNumberedFilesSkipIt) {
   f.sound("sfx/900200-x");
   test::writeGzip(f.tmp / "configs" / "900200.mellosnd", "2A 900200\r\n");
   ASSERT_EQ(f.load(), 0);
-  ASSERT_NE(f.idx.getSampleForId(42), nullptr);
-
-  // A set whose files carry their ids needs no mapping.
-  SetFixture g;
+  EXPECT_NE(f.idx.getSampleForId(42), nullptr);
+  SetFixture g;  // a set whose files carry their ids needs no mapping
   g.sound("sfx/900300-x", {"77-x.ogg"});
   EXPECT_EQ(g.load(), 0);
   EXPECT_NE(g.idx.getSampleForId(77), nullptr);
 }
 
-TEST(PinsoundModel, TypesAndRecords) {
+TEST(PinsoundModel, TypeNamesAndAudioFileNames) {
   EXPECT_EQ(getAudioTypeForString("jingle"), JINGLE);
   EXPECT_EQ(getAudioTypeForString("Jingle"), UNKNOWN);
   EXPECT_EQ(getAudioTypeForString(""), UNKNOWN);
@@ -233,8 +189,7 @@ TEST(PinsoundModel, TypesAndRecords) {
   set.type = XSNDFILE;
   EXPECT_TRUE(isComposite(&set));
   set.type = ZIPFILE;
-  EXPECT_FALSE(isComposite(&set));
-  EXPECT_FALSE(isComposite(nullptr));
+  EXPECT_FALSE(isComposite(&set) || isComposite(nullptr));
 }
 
 }  // namespace

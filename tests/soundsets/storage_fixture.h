@@ -1,20 +1,26 @@
-// Helpers of the storage-format tests: audio bytes, a fresh index with sounds whose
-// files live in a temporary directory, and running Debian's protoc on index bytes.
+// Helpers of the soundsets tests: sets laid out on disk the way owners make them, a
+// fresh index with sounds whose files live in a temporary directory, audio bytes, and
+// running Debian's protoc on index bytes.
 #pragma once
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
+#include "soundsets/xsnd.h"
 #include "support/testutil.h"
+#include "support/wav.h"
 
 extern char** environ;
 
@@ -23,25 +29,10 @@ namespace korvo::test {
 // A short Ogg Vorbis tone made by tests/soundsets/data/make_tone.sh.
 inline std::string toneOgg() { return readFile(sourceDir() / "tests/soundsets/data/tone.ogg"); }
 
-// A mono 16-bit PCM WAV of `frames` frames of a ramp.
-inline std::string makeWav(uint32_t frames, uint32_t rate = 22050) {
-  auto le = [](std::string& s, uint32_t v, int n) {
-    for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-  };
-  std::string w = "RIFF";
-  le(w, 36 + frames * 2, 4);
-  w += "WAVEfmt ";
-  le(w, 16, 4);
-  le(w, 1, 2);
-  le(w, 1, 2);
-  le(w, rate, 4);
-  le(w, rate * 2, 4);
-  le(w, 2, 2);
-  le(w, 16, 2);
-  w += "data";
-  le(w, frames * 2, 4);
-  for (uint32_t i = 0; i < frames; ++i) le(w, (i * 97) & 0xFFFF, 2);
-  return w;
+// The bytes of a short sine WAV (written to `p` on the way).
+inline std::string wavBytes(const std::filesystem::path& p) {
+  writeSineWav(p, 0.1, 8000, 440.0, 22050);
+  return readFile(p);
 }
 
 struct StorageFixture {
@@ -51,8 +42,7 @@ struct StorageFixture {
 
   StorageFixture() { initSettings(&s); }
 
-  // Adds sound `id` with one file per entry of `contents`, written below
-  // tmp/<dir>/ as the given names.
+  // Adds sound `id` with one file per entry of `files`, written below tmp/<dir>/.
   AudioSample* addSound(uint32_t id, AudioType type, const std::string& dir,
                         const std::vector<std::pair<std::string, std::string>>& files) {
     auto rec = newAudioSampleForId(id);
@@ -69,7 +59,49 @@ struct StorageFixture {
     rec->syncChunks();
     return idx.addSample(std::move(rec));
   }
+  // Writes the index as container tmp/<name>; its path.
+  std::string pack(const std::string& name, bool strip = false) {
+    std::string path = (tmp / name).string();
+    EXPECT_EQ(writeSamplesToBinary(idx, path, strip), 0);
+    return path;
+  }
+  // A fresh index read from a container.
+  std::unique_ptr<SampleIndex> unpack(const std::string& path) {
+    auto back = std::make_unique<SampleIndex>(s);
+    EXPECT_EQ(readSamplesFromBinary(*back, path), 0);
+    return back;
+  }
 };
+
+// A base directory with one PINSOUND set "set" in it; "configs" for shared mappings
+// lives beside the set.
+struct SetFixture : StorageFixture {
+  SoundSet set;
+
+  SetFixture() {
+    set.name = "set";
+    set.basedir = (tmp / "set").string();
+    set.type = PINSOUND;
+    std::filesystem::create_directories(set.basedir + "/music");
+    idx.configsDir = (tmp / "configs").string();
+  }
+
+  std::filesystem::path dir(const std::string& rel) const { return std::filesystem::path(set.basedir) / rel; }
+  // A sound directory with audio files of `bytes` bytes each.
+  void sound(const std::string& rel, std::vector<std::string> files = {"a.ogg"}, std::size_t bytes = 100) {
+    std::filesystem::create_directories(dir(rel));
+    for (const auto& f : files) writeFile(dir(rel) / f, std::string(bytes, 'x'));
+  }
+  void file(const std::string& rel, const std::string& content) { writeFile(dir(rel), content); }
+  int load(int copyMapping = 0) { return idx.initSamples(set, copyMapping); }
+};
+
+inline void writeGzip(const std::filesystem::path& p, const std::string& content) {
+  std::filesystem::create_directories(p.parent_path());
+  gzFile gz = gzopen(p.c_str(), "wb");
+  gzwrite(gz, content.data(), static_cast<unsigned>(content.size()));
+  gzclose(gz);
+}
 
 // Runs argv with stdin from `inPath` and stdout to `outPath`; the exit status.
 inline int runTool(const std::vector<std::string>& argv, const std::string& inPath, const std::string& outPath) {
