@@ -36,26 +36,34 @@ const char* const kPack13 =
     "0x11,2,70,40,0,0,Boom,boom.ogg,2,\"100,200,300\",P1;P2,0,0x10\n"
     "0x12,,-5,50,0,0,Pause,pause.ogg,2,,,0,\n";
 
+// A pack directory holding `csv` and the audio files the tables name, read into idx.
 struct PackFixture : StorageFixture {
-  std::string dir;
-  explicit PackFixture(const std::string& csv, const char* name = "altsound.csv") {
-    dir = (tmp / "pack").string();
+  std::string dir = (tmp / "pack").string();
+  explicit PackFixture(const std::string& csv) {
     for (const char* f : {"music/01_main_theme.ogg", "Sfx/Hello1.ogg", "Sfx/hello2.ogg", "Sfx/single.ogg", "theme.ogg",
                           "boom.ogg", "pause.ogg"})
       test::writeFile(tmp / "pack" / f, std::string("audio:") + f);
-    test::writeFile(tmp / "pack" / name, csv);
+    test::writeFile(tmp / "pack/altsound.csv", csv);
+    EXPECT_EQ(readSamplesFromCsv(idx, dir), 0);
   }
-  std::string csvPath() const { return dir + "/altsound.csv"; }
+  std::string csv() const { return test::readFile(dir + "/altsound.csv"); }
+  // The sounds as a fresh reader sees the table of `from`.
+  std::unique_ptr<SampleIndex> reread(const std::string& from) {
+    auto again = std::make_unique<SampleIndex>(s);
+    EXPECT_EQ(readSamplesFromCsv(*again, from), 0);
+    return again;
+  }
 };
 
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (std::size_t at; (at = text.find(from)) != std::string::npos;) text.replace(at, from.size(), to);
+}
+
 TEST(AltsoundRead, EightColumnPackFromWindows) {
-  PackFixture fx(kPack8);
   test::LogCapture cap(LEVEL_WARN);
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
+  PackFixture fx(kPack8);
   EXPECT_EQ(fx.idx.samplesMap.mapSize(), 4);
-  AudioSample* theme = fx.idx.getSampleForId(1);
-  AudioSample* hello = fx.idx.getSampleForId(2);
-  AudioSample* jingle = fx.idx.getSampleForId(4);
+  AudioSample *theme = fx.idx.getSampleForId(1), *hello = fx.idx.getSampleForId(2), *jingle = fx.idx.getSampleForId(4);
   ASSERT_TRUE(theme && hello && jingle);
   EXPECT_EQ(theme->type, MUSIC);
   EXPECT_EQ(theme->gain, 80u);
@@ -86,9 +94,7 @@ TEST(AltsoundRead, EightColumnPackFromWindows) {
 
 TEST(AltsoundRead, ThirteenColumnTypedAndHeaderlessPacks) {
   PackFixture fx(kPack13);
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
-  AudioSample* theme = fx.idx.getSampleForId(0x10);
-  AudioSample* boom = fx.idx.getSampleForId(0x11);
+  AudioSample *theme = fx.idx.getSampleForId(0x10), *boom = fx.idx.getSampleForId(0x11);
   ASSERT_TRUE(theme && boom);
   EXPECT_EQ(theme->gain, 100u);  // clamped
   EXPECT_TRUE(theme->preload);
@@ -100,39 +106,47 @@ TEST(AltsoundRead, ThirteenColumnTypedAndHeaderlessPacks) {
   // A TYPE column wins over CHANNEL; without a header the standard order applies and
   // an empty DUCK takes the type's default.
   PackFixture typed("ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,TYPE\n0x20,0,30,50,0,0,V,boom.ogg,voice\n");
-  ASSERT_EQ(readSamplesFromCsv(typed.idx, typed.dir), 0);
   EXPECT_EQ(typed.idx.getSampleForId(0x20)->type, VOICE);
   EXPECT_EQ(typed.idx.getSampleForId(0x20)->ducking, 30u);
   PackFixture bare("0x30,1,,70,0,0,J,boom.ogg\n");
-  ASSERT_EQ(readSamplesFromCsv(bare.idx, bare.dir), 0);
   EXPECT_EQ(bare.idx.getSampleForId(0x30)->type, JINGLE);
   EXPECT_EQ(bare.idx.getSampleForId(0x30)->ducking, 10u);
   EXPECT_TRUE(bare.idx.getSampleForId(0x30)->duckingdefault);
 }
 
-TEST(AltsoundWrite, ColumnUpdateChangesOnlyThatFieldInEveryRowOfTheId) {
+TEST(AltsoundWrite, EditsChangeOnlyTheFieldsAndRowsOfTheId) {
   PackFixture fx(kPack8);
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
   AudioSample* hello = fx.idx.getSampleForId(2);
-  ASSERT_EQ(updateCsvColumn(*hello, SampleIndex::CSV_GAIN, "75"), 0);
   std::string want = kPack8;
-  for (std::size_t at; (at = want.find("0x0002,,40,,0,0")) != std::string::npos;) want.replace(at, 15, "0x0002,,40,75,0,0");
-  EXPECT_EQ(test::readFile(fx.csvPath()), want);
-  // A quoted field stays quoted; a value with a comma gets quotes.
+  // A column edit changes that field in every row of the id; a quoted field stays
+  // quoted and a value with a comma gets quotes.
+  ASSERT_EQ(updateCsvColumn(*hello, SampleIndex::CSV_GAIN, "75"), 0);
+  replaceAll(want, "0x0002,,40,,0,0", "0x0002,,40,75,0,0");
+  EXPECT_EQ(fx.csv(), want);
   ASSERT_EQ(updateCsvColumn(*hello, SampleIndex::CSV_NAME, "Bye, \"all\""), 0);
-  for (std::size_t at; (at = want.find("\"Hello, World\"")) != std::string::npos;) want.replace(at, 14, "\"Bye, \"\"all\"\"\"");
-  EXPECT_EQ(test::readFile(fx.csvPath()), want);
-  // The edited table reads back with the new values.
-  SampleIndex again(fx.s);
-  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
-  EXPECT_EQ(again.getSampleForId(2)->gain, 75u);
-  EXPECT_EQ(again.getSampleForId(2)->name, "Bye, \"all\"");
+  replaceAll(want, "\"Hello, World\"", "\"Bye, \"\"all\"\"\"");
+  EXPECT_EQ(fx.csv(), want);
+  // A refresh adds a row after the id's last one and drops the row of a removed file.
+  const std::string row = "0x0002,,40,75,0,0,\"Bye, \"\"all\"\"\",";
+  test::writeFile(fx.tmp / "pack/new.ogg", "new");
+  hello->samples.push_back(fx.dir + "/new.ogg");
+  hello->samples.erase(hello->samples.begin());
+  ASSERT_EQ(refreshCsvTable(*hello), 0);
+  replaceAll(want, row + "\"sfx\\hello1.ogg\"\r\n", "");
+  const std::string second = row + "\"SFX\\HELLO2.OGG\"\r\n";
+  want.insert(want.find(second) + second.size(), row + "\"new.ogg\"\r\n");
+  EXPECT_EQ(fx.csv(), want);
+  auto again = fx.reread(fx.dir);
+  AudioSample* back = again->getSampleForId(2);
+  EXPECT_EQ(back->gain, 75u);
+  EXPECT_EQ(back->name, "Bye, \"all\"");
+  EXPECT_EQ(back->samples, (std::vector<std::string>{fx.dir + "/Sfx/hello2.ogg", fx.dir + "/new.ogg"}));
   // An id without rows changes nothing.
   AudioSample stranger(0x77);
   stranger.basepath = fx.dir;
   test::LogCapture cap;
   EXPECT_EQ(updateCsvColumn(stranger, SampleIndex::CSV_GAIN, "1"), 1);
-  EXPECT_EQ(test::readFile(fx.csvPath()), want);
+  EXPECT_EQ(fx.csv(), want);
 }
 
 TEST(AltsoundWrite, MissingColumnsExtendTheHeaderAndPadRows) {
@@ -140,47 +154,21 @@ TEST(AltsoundWrite, MissingColumnsExtendTheHeaderAndPadRows) {
       "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\n"
       "0x10,0,50,50,100,0,Theme,theme.ogg\n"
       "0x11,2,70,40,0,0,Boom,boom.ogg");  // no line end on the last row
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
-  ASSERT_EQ(updateCsvColumn(*fx.idx.getSampleForId(0x11), SampleIndex::CSV_SERIAL, "S1"), 0);
-  EXPECT_EQ(test::readFile(fx.csvPath()),
+  AudioSample* boom = fx.idx.getSampleForId(0x11);
+  ASSERT_EQ(updateCsvColumn(*boom, SampleIndex::CSV_SERIAL, "S1"), 0);
+  EXPECT_EQ(fx.csv(),
             "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL\n"
             "0x10,0,50,50,100,0,Theme,theme.ogg,,,\n"
             "0x11,2,70,40,0,0,Boom,boom.ogg,,,S1");
-  AudioSample* boom = fx.idx.getSampleForId(0x11);
   boom->type = MUSIC;
   ASSERT_EQ(updateCsvType(*boom), 0);
-  EXPECT_EQ(test::readFile(fx.csvPath()),
+  EXPECT_EQ(fx.csv(),
             "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n"
             "0x10,0,50,50,100,0,Theme,theme.ogg,,,,,,\n"
             "0x11,0,100,40,100,0,Boom,boom.ogg,,,S1,,,music");
   boom->type = SINGLE;
   ASSERT_EQ(updateCsvType(*boom), 0);
-  SampleIndex again(fx.s);
-  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
-  EXPECT_EQ(again.getSampleForId(0x11)->type, SINGLE);
-  EXPECT_EQ(again.getSampleForId(0x11)->serialcmd, "S1");
-}
-
-TEST(AltsoundWrite, RefreshAddsRowsAfterTheIdsLastRowAndDropsRemovedFiles) {
-  PackFixture fx(kPack8);
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
-  AudioSample* hello = fx.idx.getSampleForId(2);
-  test::writeFile(fx.tmp / "pack/new.ogg", "new");
-  hello->samples.push_back(fx.dir + "/new.ogg");
-  ASSERT_EQ(refreshCsvTable(*hello), 0);
-  std::string want = kPack8;
-  const std::string second = "0x0002,,40,,0,0,\"Hello, World\",\"SFX\\HELLO2.OGG\"\r\n";
-  want.insert(want.find(second) + second.size(), "0x0002,,40,,0,0,\"Hello, World\",\"new.ogg\"\r\n");
-  EXPECT_EQ(test::readFile(fx.csvPath()), want);
-  // Remove the first file: its row goes, every other row stays.
-  hello->samples.erase(hello->samples.begin());
-  ASSERT_EQ(refreshCsvTable(*hello), 0);
-  const std::string first = "0x0002,,40,,0,0,\"Hello, World\",\"sfx\\hello1.ogg\"\r\n";
-  want.erase(want.find(first), first.size());
-  EXPECT_EQ(test::readFile(fx.csvPath()), want);
-  SampleIndex again(fx.s);
-  ASSERT_EQ(readSamplesFromCsv(again, fx.dir), 0);
-  EXPECT_EQ(again.getSampleForId(2)->samples, (std::vector<std::string>{fx.dir + "/Sfx/hello2.ogg", fx.dir + "/new.ogg"}));
+  EXPECT_EQ(fx.reread(fx.dir)->getSampleForId(0x11)->type, SINGLE);
 }
 
 TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
@@ -214,9 +202,8 @@ TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
 
 TEST(AltsoundExport, ExportedPackReadsBackTheSameSounds) {
   PackFixture fx(kPack13);
-  ASSERT_EQ(readSamplesFromCsv(fx.idx, fx.dir), 0);
   fx.idx.getSampleForId(0x11)->name = "Boom, big";
-  std::string out = (fx.tmp / "export").string();
+  const std::string out = (fx.tmp / "export").string();
   std::filesystem::create_directories(out);
   ASSERT_EQ(writeSamplesToCsv(fx.idx, out + "/altsound.csv", fx.dir, true), 0);
   const std::string csv = test::readFile(out + "/altsound.csv");
@@ -224,12 +211,10 @@ TEST(AltsoundExport, ExportedPackReadsBackTheSameSounds) {
             "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE");
   EXPECT_NE(csv.find("0x0011,,70,40,0,0,\"Boom, big\",0x0011-boom.ogg,,\"100,200,300\",P1;P2,0,,sfx\n"), std::string::npos)
       << csv;
-  EXPECT_EQ(test::readFile(out + "/0x0010-theme.ogg"), "audio:theme.ogg");
-  SampleIndex back(fx.s);
-  ASSERT_EQ(readSamplesFromCsv(back, out), 0);
-  ASSERT_EQ(back.samplesMap.mapSize(), 3);
+  auto back = fx.reread(out);
+  ASSERT_EQ(back->samplesMap.mapSize(), 3);
   for (unsigned id : {0x10u, 0x11u, 0x12u}) {
-    AudioSample *a = fx.idx.getSampleForId(id), *b = back.getSampleForId(id);
+    AudioSample *a = fx.idx.getSampleForId(id), *b = back->getSampleForId(id);
     ASSERT_TRUE(b) << id;
     EXPECT_EQ(std::tie(a->type, a->gain, a->ducking, a->name, a->shakersequence),
               std::tie(b->type, b->gain, b->ducking, b->name, b->shakersequence));

@@ -177,20 +177,5 @@ TEST(PinsoundScrambled, SharedMappingIsGzipAndNumberedFilesSkipIt) {
   EXPECT_NE(g.idx.getSampleForId(77), nullptr);
 }
 
-TEST(PinsoundModel, TypeNamesAndAudioFileNames) {
-  EXPECT_EQ(getAudioTypeForString("jingle"), JINGLE);
-  EXPECT_EQ(getAudioTypeForString("Jingle"), UNKNOWN);
-  EXPECT_EQ(getAudioTypeForString(""), UNKNOWN);
-  EXPECT_STREQ(audioTypeName(99), "unknown");
-  EXPECT_TRUE(isAudioFileType("x.mp3"));
-  EXPECT_FALSE(isAudioFileType(".x.mp3"));
-  EXPECT_FALSE(isAudioFileType("x.Mp3"));
-  SoundSet set;
-  set.type = XSNDFILE;
-  EXPECT_TRUE(isComposite(&set));
-  set.type = ZIPFILE;
-  EXPECT_FALSE(isComposite(&set) || isComposite(nullptr));
-}
-
 }  // namespace
 }  // namespace korvo

@@ -13,7 +13,7 @@ namespace {
 
 using test::StorageFixture;
 
-// An xsnd container with two sounds: 1 = the tone, 2 = 300 bytes of a counting pattern.
+// An xsnd container: 1 = the tone, 2 = 300 bytes of a counting pattern, 3 = a WAV.
 struct ContainerFixture : StorageFixture {
   std::string path, pattern;
   std::unique_ptr<SampleIndex> loaded;
@@ -21,6 +21,7 @@ struct ContainerFixture : StorageFixture {
     for (int i = 0; i < 300; ++i) pattern += static_cast<char>(i & 0xFF);
     addSound(1, SFX, "s1", {{"tone.ogg", test::toneOgg()}});
     addSound(2, SFX, "s2", {{"pattern.raw", pattern}});
+    addSound(3, SFX, "s3", {{"w.wav", test::wavBytes(tmp / "src.wav")}});
     path = pack("set.xsnd");
     loaded = unpack(path);
   }
@@ -99,23 +100,17 @@ TEST(CompStream, WindowSizeReadAndSeekSemantics) {
   EXPECT_EQ(SDL_RWread(rw, big.data(), 1, 10), 0u);
   EXPECT_EQ(SDL_RWwrite(rw, "x", 1, 1), 0u);
   EXPECT_EQ(SDL_RWclose(rw), 0);
-}
-
-TEST(CompStream, BadIndexOrMissingContainerGivesAStreamThatReadsNothing) {
-  ContainerFixture fx;
-  AudioSample* s = fx.loaded->getSampleForId(2);
+  // A bad file index or a missing container gives a stream that reads nothing.
   test::LogCapture cap;
-  SDL_RWops* rw = makeCompoundRW(fx.path.c_str(), s, 7);
-  ASSERT_TRUE(rw);
-  char b[16];
-  EXPECT_EQ(SDL_RWsize(rw), 0);
-  EXPECT_EQ(SDL_RWread(rw, b, 1, sizeof b), 0u);
-  SDL_RWclose(rw);
-  rw = makeCompoundRW((fx.tmp / "missing.xsnd").string().c_str(), s, 0);
-  ASSERT_TRUE(rw);
-  EXPECT_EQ(SDL_RWread(rw, b, 1, sizeof b), 0u);
-  EXPECT_EQ(SDL_RWseek(rw, 0, RW_SEEK_SET), -1);
-  SDL_RWclose(rw);
+  SDL_RWops* badIndex = makeCompoundRW(fx.path.c_str(), s, 7);
+  SDL_RWops* noFile = makeCompoundRW((fx.tmp / "missing.xsnd").string().c_str(), s, 0);
+  ASSERT_TRUE(badIndex && noFile);
+  EXPECT_EQ(SDL_RWsize(badIndex), 0);
+  EXPECT_EQ(SDL_RWseek(noFile, 0, RW_SEEK_SET), -1);
+  for (SDL_RWops* bad : {badIndex, noFile}) {
+    EXPECT_EQ(SDL_RWread(bad, big.data(), 1, 16), 0u);
+    SDL_RWclose(bad);
+  }
   EXPECT_TRUE(cap.contains("no file chunk 7"));
 }
 
@@ -174,23 +169,17 @@ TEST(StdioStream, SizeSeekReadOverAnOpenFile) {
 
 TEST_F(MixerTest, OggDecodesThroughEveryStreamKind) {
   ContainerFixture fx;
-  Uint32 direct = decode(SDL_RWFromFile((fx.tmp / "s1/tone.ogg").c_str(), "rb"));
+  const std::string tone = (fx.tmp / "s1/tone.ogg").string(), zip = makeToneZip(fx.tmp);
+  Uint32 direct = decode(SDL_RWFromFile(tone.c_str(), "rb"));
   ASSERT_GT(direct, 0u) << Mix_GetError();
-  // Container window.
-  EXPECT_EQ(decode(makeCompoundRW(fx.path.c_str(), fx.loaded->getSampleForId(1), 0)), direct) << Mix_GetError();
-  // Zip entries, stored and deflated.
-  std::string zip = makeToneZip(fx.tmp);
   AudioSample z(9);
   z.samples = {"music/stored.ogg", "music/deflated.ogg"};
-  EXPECT_EQ(decode(makeZipRW(zip.c_str(), &z, 0)), direct) << Mix_GetError();
-  EXPECT_EQ(decode(makeZipRW(zip.c_str(), &z, 1)), direct) << Mix_GetError();
-  // Plain file.
-  EXPECT_EQ(decode(RWFromFP(fopen((fx.tmp / "s1/tone.ogg").c_str(), "rb"), true)), direct) << Mix_GetError();
-  // A WAV decodes through the container as well.
-  StorageFixture wf;
-  wf.addSound(4, SFX, "w", {{"w.wav", test::wavBytes(wf.tmp / "src.wav")}});
-  const std::string wpath = wf.pack("w.xsnd");
-  EXPECT_GT(decode(makeCompoundRW(wpath.c_str(), wf.unpack(wpath)->getSampleForId(4), 0)), 0u) << Mix_GetError();
+  // Container window, zip entries stored and deflated, plain file.
+  int kind = 0;
+  for (SDL_RWops* rw : {makeCompoundRW(fx.path.c_str(), fx.loaded->getSampleForId(1), 0), makeZipRW(zip.c_str(), &z, 0),
+                        makeZipRW(zip.c_str(), &z, 1), RWFromFP(fopen(tone.c_str(), "rb"), true)})
+    EXPECT_EQ(decode(rw), direct) << "kind " << kind++ << ": " << Mix_GetError();
+  EXPECT_GT(decode(makeCompoundRW(fx.path.c_str(), fx.loaded->getSampleForId(3), 0)), 0u) << Mix_GetError();
   // A broken stream makes the load fail cleanly.
   test::LogCapture cap;
   EXPECT_EQ(decode(makeCompoundRW(fx.path.c_str(), fx.loaded->getSampleForId(2), 0)), 0u);
