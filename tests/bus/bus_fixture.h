@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,20 +35,13 @@ class CommandLog {
     c.soundWSHandler = [this](const uint8_t* cmd, unsigned v) { add(Received::Whitestar, cmd, v); };
     return c;
   }
-  std::vector<Received> all() const {
-    std::lock_guard lock(m_);
-    return got_;
-  }
-  std::vector<unsigned> values() const {
-    std::lock_guard lock(m_);
+  std::vector<Received> all() { std::lock_guard lock(m_); return got_; }
+  std::vector<unsigned> values() {
     std::vector<unsigned> v;
-    for (const auto& r : got_) v.push_back(r.value);
+    for (const auto& r : all()) v.push_back(r.value);
     return v;
   }
-  void clear() {
-    std::lock_guard lock(m_);
-    got_.clear();
-  }
+  void clear() { std::lock_guard lock(m_); got_.clear(); }
 
  private:
   void add(Received::Kind k, const uint8_t* cmd, unsigned v) {
@@ -58,28 +52,28 @@ class CommandLog {
     std::lock_guard lock(m_);
     got_.push_back({k, c, v, name});
   }
-  mutable std::mutex m_;
+  std::mutex m_;
   std::vector<Received> got_;
 };
 
-class BusTest : public ::testing::Test {
- protected:
-  BusTest() {
+// Settings, the simulated board and, after start(), the capture with a CPU board on it.
+struct Rig {
+  Rig() {
     initSettings(&s);
     s.enableI2S = 0;
   }
-  ~BusTest() override {
+  ~Rig() {
     machine.reset();
     pincom.reset();  // stops the interrupt threads before the log goes
     clock::useRealClock();
   }
-  // Installs the capture for `protocol` and wires a CPU board to it.
-  void start(int protocol, unsigned gapMicros = 0) {
+  // Installs the capture for `protocol` (delivering to `log` unless `c` is given).
+  void start(int protocol, PincomConsumers c = {}) {
     s.protocol = protocol;
     pincom = std::make_unique<Pincom>(gpio, s);
-    pincom->setConsumers(log.consumers());
+    pincom->setConsumers(c.soundHandler ? std::move(c) : log.consumers());
     pincom->initGpio();
-    machine = std::make_unique<SimMachine>(gpio, *pincom, gapMicros);
+    machine = std::make_unique<SimMachine>(gpio, *pincom);
   }
 
   Settings s;
@@ -88,5 +82,7 @@ class BusTest : public ::testing::Test {
   std::unique_ptr<Pincom> pincom;
   std::unique_ptr<SimMachine> machine;
 };
+
+class BusTest : public ::testing::Test, public Rig {};
 
 }  // namespace korvo::test

@@ -30,12 +30,12 @@ class OutputsTest : public ::testing::Test {
     pincom->initGpio();
   }
   PortExtender& ext() { return pincom->portExtender(); }
-  unsigned now() const { return static_cast<unsigned>(millis()); }
+  int extPin(int n) { return gpio.portExtender().pinLevel(n); }
   // Runs the main loop's per-millisecond call for `ms` milliseconds.
   void run(unsigned ms) {
     for (unsigned i = 0; i < ms; ++i) {
       clock::advanceMillis(1);
-      pincom->updatePincom(now());
+      pincom->updatePincom(static_cast<unsigned>(millis()));
     }
   }
 
@@ -44,41 +44,39 @@ class OutputsTest : public ::testing::Test {
   std::unique_ptr<Pincom> pincom;
 };
 
-TEST_F(OutputsTest, ExtenderIsSetUpWithAllPinsOutputs) {
+TEST_F(OutputsTest, ExtenderPinsAndTheirRange) {
   init();
   EXPECT_TRUE(ext().present());
-  EXPECT_EQ(gpio.portExtender().reg(mcp23017::IODIRA), 0x00);
+  EXPECT_EQ(gpio.portExtender().reg(mcp23017::IODIRA), 0x00);  // all outputs
   EXPECT_EQ(gpio.portExtender().reg(mcp23017::IODIRB), 0x00);
-}
-
-TEST_F(OutputsTest, ExtenderPinRange) {
-  init();
   LogCapture cap;
   ext().setPortExtenderPin(99, 1);
   ext().setPortExtenderPin(116, 1);
   EXPECT_TRUE(cap.contains("pin number must be >= 100 and < 116"));
   EXPECT_EQ(pincom->portStates().get(99), 0);
   EXPECT_EQ(pincom->portStates().get(116), 0);
-
   ext().setPortExtenderPin(100, 1);
   ext().setPortExtenderPin(115, 7);
-  EXPECT_TRUE(cap.contains("setting port pin 115 to 7"));
-  EXPECT_EQ(gpio.portExtender().pinLevel(0), 1);
-  EXPECT_EQ(gpio.portExtender().pinLevel(15), 1);
+  EXPECT_EQ(extPin(0), 1);
+  EXPECT_EQ(extPin(15), 1);
   EXPECT_EQ(pincom->portStates().get(115), 1);
   ext().setPortExtenderPin(100, 0);
-  EXPECT_EQ(gpio.portExtender().pinLevel(0), 0);
-  EXPECT_EQ(pincom->portStates().getPortStates().size(), 116u);
-}
-
-TEST_F(OutputsTest, ShakerPinSwitchesShakerAndFallsThroughToRangeError) {
-  init();
-  LogCapture cap;
+  EXPECT_EQ(extPin(0), 0);
+  // The shaker's pin number switches the shaker (and is out of the extender's range).
   ext().setPortExtenderPin(8, 1);
   EXPECT_TRUE(cap.contains("shaker => on"));
-  EXPECT_TRUE(cap.contains("pin number must be >= 100 and < 116"));
   EXPECT_EQ(gpio.outputLevel(15), HIGH);
   EXPECT_EQ(pincom->portStates().get(15), 1);
+}
+
+TEST_F(OutputsTest, MissingExtenderKeepsTrackingStates) {
+  gpio.removeI2cDevice(kPortExtenderAddress);
+  LogCapture cap;
+  init();
+  EXPECT_TRUE(cap.contains("does not answer"));
+  EXPECT_FALSE(ext().present());
+  ext().setPortExtenderPin(105, 1);
+  EXPECT_EQ(pincom->portStates().get(105), 1);
 }
 
 TEST_F(OutputsTest, ShakerActiveLowInvertsLevels) {
@@ -93,7 +91,7 @@ TEST_F(OutputsTest, ShakerActiveLowInvertsLevels) {
   EXPECT_EQ(gpio.outputLevel(27), HIGH);
 }
 
-TEST_F(OutputsTest, ShakerPatternRunsItsPhasesAndEndsOff) {
+TEST_F(OutputsTest, ShakerPatternRunsItsPhasesAndANewOneRestartsIt) {
   init();
   pincom->shaker().playbackShakerSequence({200, 100, 300});
   EXPECT_EQ(gpio.outputLevel(15), HIGH);
@@ -106,10 +104,7 @@ TEST_F(OutputsTest, ShakerPatternRunsItsPhasesAndEndsOff) {
   run(301);
   EXPECT_EQ(gpio.outputLevel(15), LOW);
   EXPECT_FALSE(pincom->shaker().patternRunning());
-}
 
-TEST_F(OutputsTest, SecondPatternRestartsFromItsFirstEntry) {
-  init();
   pincom->shaker().playbackShakerSequence({300});
   run(250);
   pincom->shaker().playbackShakerSequence({100});
@@ -121,16 +116,16 @@ TEST_F(OutputsTest, SecondPatternRestartsFromItsFirstEntry) {
   EXPECT_FALSE(pincom->shaker().patternRunning());
 }
 
-TEST_F(OutputsTest, PortSeqCommandTogglesExtenderPinOnTime) {
+TEST_F(OutputsTest, PortSeqTogglesOnTime) {
   init();
   ext().sendPortCmd("PORTSEQ 101 500 500");
-  EXPECT_EQ(gpio.portExtender().pinLevel(1), 0);
+  EXPECT_EQ(extPin(1), 0);
   run(1);  // first pass: on
-  EXPECT_EQ(gpio.portExtender().pinLevel(1), 1);
+  EXPECT_EQ(extPin(1), 1);
   run(500);
-  EXPECT_EQ(gpio.portExtender().pinLevel(1), 1);
+  EXPECT_EQ(extPin(1), 1);
   run(1);
-  EXPECT_EQ(gpio.portExtender().pinLevel(1), 0);
+  EXPECT_EQ(extPin(1), 0);
   EXPECT_EQ(ext().runningSequences(), 0u);  // removed at its last toggle
 }
 
@@ -147,10 +142,10 @@ TEST_F(OutputsTest, SequencesRunIndependentlyInOrderAdded) {
   const std::string t = cap.text();
   EXPECT_LT(t.find("working on seq 0"), t.find("working on seq 1"));
   EXPECT_LT(t.find("working on seq 1"), t.find("working on seq 2"));
-  EXPECT_EQ(gpio.portExtender().pinLevel(2), 1);
-  EXPECT_EQ(gpio.portExtender().pinLevel(3), 1);
+  EXPECT_EQ(extPin(2), 1);
+  EXPECT_EQ(extPin(3), 1);
   run(251);
-  EXPECT_EQ(gpio.portExtender().pinLevel(1), 0);
+  EXPECT_EQ(extPin(1), 0);
   EXPECT_EQ(ext().runningSequences(), 0u);
 }
 
@@ -158,24 +153,13 @@ TEST_F(OutputsTest, PortCommandsParseOrFailLoudly) {
   init();
   LogCapture cap;
   ext().sendPortCmd("PORT 104 on");
-  EXPECT_EQ(gpio.portExtender().pinLevel(4), 1);
+  EXPECT_EQ(extPin(4), 1);
   ext().sendPortCmd("PORT 104 anything");
-  EXPECT_EQ(gpio.portExtender().pinLevel(4), 0);
+  EXPECT_EQ(extPin(4), 0);
   ext().sendPortCmd("PORT x");
   EXPECT_TRUE(cap.contains("failed to parse cmd: 'PORT x'"));
   ext().sendPortCmd("PORTABLE 1");
   EXPECT_TRUE(cap.contains("unknown port cmd: 'PORTABLE 1'"));
-  EXPECT_EQ(PortExtender::countElements("101, 5\t6  7", " ,\t"), 4);
-}
-
-TEST_F(OutputsTest, MissingExtenderKeepsTrackingStates) {
-  gpio.removeI2cDevice(kPortExtenderAddress);
-  LogCapture cap;
-  init();
-  EXPECT_TRUE(cap.contains("does not answer"));
-  EXPECT_FALSE(ext().present());
-  ext().setPortExtenderPin(105, 1);
-  EXPECT_EQ(pincom->portStates().get(105), 1);
 }
 
 }  // namespace

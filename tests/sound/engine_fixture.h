@@ -5,10 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +21,7 @@
 #include "core/settings.h"
 #include "core/stringutil.h"
 #include "platform/clock.h"
+#include "sound/protocol_handlers.h"
 #include "sound/sdl_sound.h"
 #include "support/testutil.h"
 #include "support/wav.h"
@@ -44,6 +43,22 @@ struct OnsetLog {
   }
 };
 
+// The engine side of the protocol handlers, recording each request as text (any thread).
+class RequestLog : public ProtocolEngine {
+ public:
+  void soundHandler(unsigned id) override { add("snd " + std::to_string(id)); }
+  void postSoundCommand(int id) override { add("cmd " + std::to_string(id)); }
+  void postSetVolume(int v) override { add("vol " + std::to_string(v)); }
+  void postStopAll() override { add("stop"); }
+  void countVolumeZero(unsigned) override { add("zero"); }
+  std::vector<std::string> all() { std::lock_guard lock(m_); return got_; }
+
+ private:
+  void add(std::string s) { std::lock_guard lock(m_); got_.push_back(std::move(s)); }
+  std::mutex m_;
+  std::vector<std::string> got_;
+};
+
 // Waits (bounded) for a condition that the audio or service thread makes true.
 template <typename F>
 bool waitFor(F cond, int maxMs = 10000) {
@@ -53,6 +68,13 @@ bool waitFor(F cond, int maxMs = 10000) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+// SDL's disk driver writing to `file`; `delay` is its pause per buffer in ms ("0": as fast as it can).
+inline void useDiskAudio(const std::string& file, const char* delay = "0") {
+  setenv("SDL_AUDIODRIVER", "disk", 1);
+  setenv("SDL_DISKAUDIOFILE", file.c_str(), 1);
+  setenv("SDL_DISKAUDIODELAY", delay, 1);
 }
 
 class EngineFixture : public ::testing::Test {
@@ -88,9 +110,7 @@ class EngineFixture : public ::testing::Test {
   // Opens the engine on the disk driver, capturing to out.raw (or `file`).
   void openEngine(const std::string& file = "", const char* delay = "0") {
     rawPath = file.empty() ? (dir.path() / "out.raw").string() : file;
-    setenv("SDL_AUDIODRIVER", "disk", 1);
-    setenv("SDL_DISKAUDIOFILE", rawPath.c_str(), 1);
-    setenv("SDL_DISKAUDIODELAY", delay, 1);
+    useDiskAudio(rawPath, delay);
     engine = std::make_unique<SoundEngine>();
     engine->setSoundsDir((sourceDir() / "sounds").string());
     engine->setTransientSettingsFile((dir.path() / "va.ini").string());
@@ -102,6 +122,13 @@ class EngineFixture : public ::testing::Test {
 
   void loadSets() { ASSERT_GT(engine->startSoundSets(base.string()), 0); }
 
+  // Set "one" on an open engine: the common start of a test.
+  void openWithSet(const char* delay = "0") {
+    makeSet("one");
+    openEngine("", delay);
+    loadSets();
+  }
+
   // Runs every pending request as the service thread would.
   int drain() {
     int n = 0;
@@ -111,6 +138,12 @@ class EngineFixture : public ::testing::Test {
       n++;
     }
     return n;
+  }
+
+  // The main loop's call after `ms` more milliseconds of the manual clock.
+  void tick(unsigned ms) {
+    clock::advanceMillis(ms);
+    engine->updateSound(static_cast<unsigned>(millis()));
   }
 
   int channelOf(unsigned id) {

@@ -1,7 +1,6 @@
 // The sample pool and sound set switching.
 #include <gtest/gtest.h>
 
-#include "core/fileutil.h"
 #include "engine_fixture.h"
 
 namespace korvo {
@@ -15,10 +14,9 @@ constexpr unsigned long kShortBytes = 44100 * 3 / 10 * 4;
 TEST_F(Pool, EvictionKeepsTheBudgetAndNeverTakesAPlayingSound) {
   makeSet("one");
   test::writeSineWav(base / "one/sfx/50-long/long.wav", 3.0, 3000);
-  constexpr unsigned long kLongBytes = 44100 * 3 * 4;
   openEngine("", "5");
   loadSets();
-  settings.samplePoolSizeInByte = kLongBytes + kShortBytes * 3 / 2;
+  settings.samplePoolSizeInByte = 44100 * 3 * 4 + kShortBytes * 3 / 2;
   clock::useManualClock(10000000);
   engine->handleSoundByType(50);  // the oldest, but still playing below
   clock::advanceMillis(10);
@@ -36,18 +34,14 @@ TEST_F(Pool, EvictionKeepsTheBudgetAndNeverTakesAPlayingSound) {
 }
 
 TEST_F(Pool, BudgetSmallerThanOneSoundStillPlaysIt) {
-  makeSet("one");
-  openEngine("", "1");
-  loadSets();
+  openWithSet("1");
   engine->handleSoundByType(30);
   engine->handleSoundByType(40);
   engine->stopAllSamples();
   drain();
   settings.samplePoolSizeInByte = 1000;
-  test::LogCapture cap;
   engine->handleSoundByType(20);
   EXPECT_TRUE(engine->isSamplePlaying(20));
-  EXPECT_TRUE(cap.contains("Sample Poolsize used/max"));
   auto lk = engine->lock();
   EXPECT_TRUE(engine->getSampleForId(20)->isLoaded(0));
   EXPECT_FALSE(engine->getSampleForId(30)->isLoaded(0));
@@ -55,12 +49,9 @@ TEST_F(Pool, BudgetSmallerThanOneSoundStillPlaysIt) {
 }
 
 TEST_F(Pool, PreloadedNeverPlayedGoesFirst) {
-  makeSet("one");
   settings.preloadThreshold = 1;  // every sound is preloaded
-  openEngine("", "1");
-  loadSets();
-  const unsigned long all = engine->bytesUsedForLoadedSamples();
-  EXPECT_GT(all, 5 * kShortBytes);
+  openWithSet("1");
+  EXPECT_GT(engine->bytesUsedForLoadedSamples(), 5 * kShortBytes);
   EXPECT_EQ(6, engine->countPreloads());
   clock::useManualClock(10000000);
   engine->handleSoundByType(10);
@@ -72,9 +63,7 @@ TEST_F(Pool, PreloadedNeverPlayedGoesFirst) {
 }
 
 TEST_F(Pool, SwitchAndCycleSets) {
-  makeSet("a");
-  makeSet("b");
-  makeSet("c");
+  for (const char* n : {"a", "b", "c"}) makeSet(n);
   openEngine();
   int writes = 0;
   engine->hooks().writeSettings = [&] { writes++; };
@@ -82,15 +71,14 @@ TEST_F(Pool, SwitchAndCycleSets) {
   ASSERT_EQ(3, engine->catalogue().maxSoundSets);
   EXPECT_EQ(1, engine->switchToSoundSet(settings.soundSet));  // the current set: nothing
   EXPECT_EQ(1, engine->switchToSoundSet(4));
-  test::LogCapture cap;
   const int other = settings.soundSet == 1 ? 2 : 1;
   EXPECT_EQ(0, engine->switchToSoundSet(other));
-  EXPECT_TRUE(cap.contains(strFormat("switch to soundset: %d", other)));
   EXPECT_EQ(other, settings.soundSet.load());
   EXPECT_GE(writes, 1);
   // Cycling from the last set wraps; music that played restarts in the new set.
   engine->switchToSoundSet(3);
   engine->handleSoundByType(1);
+  test::LogCapture cap;
   engine->cycleSoundSet(1);
   EXPECT_EQ(1, settings.soundSet.load());
   EXPECT_TRUE(cap.contains("switching-soundset.ogg"));
@@ -104,7 +92,7 @@ TEST_F(Pool, SwitchAndCycleSets) {
 
 TEST_F(Pool, VanishedSetIsRefusedAndTheOldOneKeepsPlaying) {
   makeSet("a");
-  const auto b = makeSet("b");
+  makeSet("b");
   openEngine();
   loadSets();
   const int current = settings.soundSet;
@@ -124,39 +112,12 @@ TEST_F(Pool, NoSoundSetAtAll) {
   std::vector<std::string> display;
   engine->hooks().showDisplayLine = [&](int, int y, const std::string& t) { display.push_back(strFormat("%d %s", y, t.c_str())); };
   EXPECT_EQ(0, engine->startSoundSets(base.string()));
-  EXPECT_TRUE(cap.contains("no-soundset.ogg"));
   EXPECT_TRUE(cap.contains("please-install-sound.ogg"));
   EXPECT_EQ(std::vector<std::string>{"24 NO SOUND FOUND"}, display);
   engine->handleSoundByType(10);
-  EXPECT_TRUE(cap.contains("sample for id '10' not found"));
   engine->cycleSoundSet(1);
   EXPECT_TRUE(cap.contains("no soundset to switch to"));
   EXPECT_EQ(-1, engine->randomSampleId());
-  EXPECT_GT(SoundEngine::getMemoryUsedForSamples(), 0);
-}
-
-}  // namespace
-}  // namespace korvo
-
-namespace korvo {
-namespace {
-
-// The bundled demo set loads and every kind of sound in it is heard.
-TEST_F(Pool, DemoSetMakesSound) {
-  openEngine();
-  ASSERT_EQ(1, engine->startSoundSets((test::sourceDir() / "demo").string()));
-  for (int id : {10, 13, 20, 21, 30, 40}) {
-    engine->handleSoundByType(id);
-    ASSERT_TRUE(test::waitFor([&] { return !onsets.get(static_cast<unsigned>(id)).empty(); })) << id;
-    ASSERT_TRUE(waitIdle(static_cast<unsigned>(id)));
-    drain();
-    EXPECT_GT(capturedRms(onsets.get(static_cast<unsigned>(id))[0], 2048), 50.0) << id;
-  }
-  engine->handleSoundByType(1);
-  EXPECT_EQ(1, engine->musicIdPlaying());
-  const int r = engine->randomSampleId();
-  auto lk = engine->lock();
-  EXPECT_NE(nullptr, engine->getSampleForId(r));
 }
 
 }  // namespace

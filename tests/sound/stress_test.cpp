@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "engine_fixture.h"
@@ -30,48 +31,34 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   std::atomic<bool> stop{false};
   const unsigned ids[] = {1, 10, 11, 20, 30, 40, 77};
   std::vector<std::thread> threads;
-  threads.emplace_back([&] {  // bus capture
-    unsigned i = 0;
-    while (!stop) {
-      engine->soundHandler(ids[i++ % 7]);
-      std::this_thread::sleep_for(std::chrono::microseconds(300));
-    }
-    SDL_TLSCleanup();  // SDL's per-thread error state of threads it did not create
-  });
-  threads.emplace_back([&] {  // HTTP: direct plays, volume, reads of the index
-    int i = 0;
-    while (!stop) {
-      engine->handleSoundByTypeWithIdx(static_cast<int>(ids[i % 7]), i % 3 == 0 ? 0 : -1, i % 5 == 0 ? 60 : -1);
-      engine->setVolume(60 + i % 60);
-      {
-        auto lk = engine->lock();
-        for (auto& node : engine->index().samplesMap) (void)node.value->lastused;
+  // Runs `step(i)` for i = 0, 1, ... every `pause` until stopped.
+  auto spawn = [&](std::chrono::microseconds pause, std::function<void(int)> step) {
+    threads.emplace_back([&stop, pause, step] {
+      for (int i = 0; !stop; i++) {
+        step(i);
+        std::this_thread::sleep_for(pause);
       }
-      i++;
-      std::this_thread::sleep_for(std::chrono::microseconds(500));
-    }
-    SDL_TLSCleanup();
+      SDL_TLSCleanup();  // SDL's per-thread error state of threads it did not create
+    });
+  };
+  using us = std::chrono::microseconds;
+  spawn(us(300), [&](int i) { engine->soundHandler(ids[i % 7]); });  // bus capture
+  spawn(us(500), [&](int i) {  // HTTP: direct plays, volume, reads of the index
+    engine->handleSoundByTypeWithIdx(static_cast<int>(ids[i % 7]), i % 3 == 0 ? 0 : -1, i % 5 == 0 ? 60 : -1);
+    engine->setVolume(60 + i % 60);
+    auto lk = engine->lock();
+    for (auto& node : engine->index().samplesMap) (void)node.value->lastused;
   });
-  threads.emplace_back([&] {  // set switches, direct and through the ring
-    int i = 0;
-    while (!stop) {
-      if (i % 2)
-        engine->switchToSoundSet(1 + i % 2);
-      else
-        engine->ring().queuePut(engine->ring().buildRequest(STOP_ALL));
-      i++;
-      std::this_thread::sleep_for(std::chrono::milliseconds(15));
-    }
-    SDL_TLSCleanup();
+  spawn(us(15000), [&](int i) {  // set switches, direct and through the ring
+    if (i % 2)
+      engine->switchToSoundSet(1 + i % 2);
+    else
+      engine->ring().queuePut(engine->ring().buildRequest(STOP_ALL));
   });
-  threads.emplace_back([&] {  // main loop and keyboard
-    while (!stop) {
-      engine->updateSound(static_cast<unsigned>(millis()));
-      engine->adjustVolume(1);
-      engine->dumpWhatsPlaying();
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    SDL_TLSCleanup();
+  spawn(us(1000), [&](int) {  // main loop and keyboard
+    engine->updateSound(static_cast<unsigned>(millis()));
+    engine->adjustVolume(1);
+    engine->dumpWhatsPlaying();
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   stop = true;
