@@ -38,6 +38,10 @@ TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
 TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   SetFixture f;
   f.s.preloadThreshold = 150;
+  f.idx.gainByType[SFX] = 80;
+  f.file("sfx/serial.txt", "T1\n");
+  f.sound("voice/6-b");
+  f.file("voice/GAIN.txt", "10");
   f.sound("sfx/1-Files", {"._01.ogg", "01.OGG", "01.flac", "b.wav", "c.mp3"}, 200);
   f.sound("sfx/2-Serial", {});
   f.file("sfx/2-Serial/SERIAL.txt", "S1 S2 \t\r\nsecond line\n");
@@ -72,6 +76,11 @@ TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   EXPECT_FALSE(tuned->gaindefault || tuned->duckingdefault);
   EXPECT_FALSE(tuned->preload);  // not above the threshold
   EXPECT_EQ(tuned->shakersequence, (std::vector<uint32_t>{100, 50, 100, 0}));
+  // Type directories hold a gain and a serial command of their own.
+  EXPECT_EQ(f.idx.gainByType[SFX], 80);  // no file: the old value survives the 0..30 round trip
+  EXPECT_EQ(f.idx.gainByType[VOICE], 33);
+  EXPECT_EQ(f.idx.serialCmdByType[SFX], "T1");
+  EXPECT_EQ(f.idx.serialCmdByType[VOICE], "");
 }
 
 TEST(PinsoundScan, GainFileScaleAndBadContent) {
@@ -90,20 +99,6 @@ TEST(PinsoundScan, GainFileScaleAndBadContent) {
     EXPECT_FALSE(f.idx.getSampleForId(id)->gaindefault) << cases[id - 1].first;
   }
   EXPECT_TRUE(cap.contains("no number in " + f.dir("sfx/6-g/gain.txt").string()));
-}
-
-TEST(PinsoundScan, TypeDirectoryGainAndSerial) {
-  SetFixture f;
-  f.idx.gainByType[SFX] = 80;
-  f.sound("sfx/1-a");
-  f.file("sfx/serial.txt", "T1\n");
-  f.sound("voice/2-b");
-  f.file("voice/GAIN.txt", "10");
-  ASSERT_EQ(f.load(), 0);
-  EXPECT_EQ(f.idx.gainByType[SFX], 80);  // no file: the old value survives the 0..30 round trip
-  EXPECT_EQ(f.idx.gainByType[VOICE], 33);
-  EXPECT_EQ(f.idx.serialCmdByType[SFX], "T1");
-  EXPECT_EQ(f.idx.serialCmdByType[VOICE], "");
 }
 
 TEST(PinsoundScan, NumberedFileReidsTheSound) {
@@ -165,13 +160,8 @@ TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopied) {
   EXPECT_EQ(again.configFileToWrite, "config.ini");
 }
 
-TEST(PinsoundScrambled, SharedMappingIsGzipAndNumberedFilesSkipIt) {
-  SetFixture f;
-  f.sound("sfx/900200-x");
-  test::writeGzip(f.tmp / "configs" / "900200.mellosnd", "2A 900200\r\n");
-  ASSERT_EQ(f.load(), 0);
-  EXPECT_NE(f.idx.getSampleForId(42), nullptr);
-  SetFixture g;  // a set whose files carry their ids needs no mapping
+TEST(PinsoundScrambled, FilesCarryingTheirIdsNeedNoMapping) {
+  SetFixture g;
   g.sound("sfx/900300-x", {"77-x.ogg"});
   EXPECT_EQ(g.load(), 0);
   EXPECT_NE(g.idx.getSampleForId(77), nullptr);
