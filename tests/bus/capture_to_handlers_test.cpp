@@ -49,22 +49,28 @@ TEST(CaptureToHandlers, AssembledCommandsBecomeTheRightRequests) {
   }
 }
 
+// A capture for the engine's protocol on its own simulated board, wired as the daemon does.
+struct EngineCapture {
+  EngineCapture(SoundEngine& e, Settings& s) : port(e), handlers(port, s), pincom(gpio, s) {
+    pincom.setConsumers(consumersFor(handlers, [&e](unsigned v) { e.soundHandler(v); }));
+    pincom.initGpio();
+  }
+  SimGpio gpio;
+  SoundEngineProtocolPort port;
+  ProtocolHandlers handlers;
+  Pincom pincom;
+};
+
 // The whole path on the real engine: a command strobed on the sim pins is captured,
 // handed through the handlers to the service thread, and its sample is mixed.
 class CaptureIntoEngine : public EngineFixture {
  protected:
-  // Wires a capture for `protocol` into the running engine and strobes `bytes`; true
-  // when sample `id` then starts in the mixer.
+  // True when sample `id` starts in the mixer after `bytes` are strobed under `protocol`.
   bool strobeAndHear(int protocol, std::initializer_list<uint8_t> bytes, unsigned id) {
     settings.protocol = protocol;
     settings.enableI2S = 0;
-    SimGpio gpio;
-    SoundEngineProtocolPort port(*engine);
-    ProtocolHandlers handlers(port, settings);
-    Pincom pincom(gpio, settings);
-    pincom.setConsumers(consumersFor(handlers, [&](unsigned v) { engine->soundHandler(v); }));
-    pincom.initGpio();
-    SimMachine machine(gpio, pincom);
+    EngineCapture capture(*engine, settings);
+    SimMachine machine(capture.gpio, capture.pincom);
     return machine.sendCommand(bytes) && waitFor([&] { return !onsets.get(id).empty(); });
   }
 };
@@ -92,13 +98,8 @@ TEST_F(CaptureIntoEngine, DemoSessionPlaysOnTheDemoSet) {
   loadSets();
   engine->startSoundServiceThread();
   settings.protocol = DATAEAST;
-  SimGpio gpio;
-  Pincom pincom(gpio, settings);
-  PincomConsumers c;
-  c.soundHandler = [&](unsigned v) { engine->soundHandler(v); };
-  pincom.setConsumers(std::move(c));
-  pincom.initGpio();
-  SessionRecorder rec(pincom);
+  EngineCapture capture(*engine, settings);
+  SessionRecorder rec(capture.pincom);
   clock::useManualClock(1'000'000);
   ASSERT_TRUE(rec.startPlayback((sourceDir() / "demo" / "session.rec").string()));
   // Ten times faster than the game: 10 ms of session per real millisecond.

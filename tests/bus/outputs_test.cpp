@@ -2,46 +2,34 @@
 // manual clock and the main loop's updatePincom.
 #include <gtest/gtest.h>
 
-#include "bus/pincom.h"
-#include "core/log.h"
-#include "platform/clock.h"
-#include "platform/sim_gpio.h"
+#include "bus_fixture.h"
 #include "support/testutil.h"
 
 namespace korvo::test {
 namespace {
 
-class OutputsTest : public ::testing::Test {
+class OutputsTest : public BusTest {
  protected:
   OutputsTest() {
-    initSettings(&s);
-    s.enableI2S = 0;
     s.enable_port_extender = 1;
     s.shakerEnabled = 1;
     s.pinShaker = 8;  // wiringPi 15
     clock::useManualClock(5'000'000);
   }
-  ~OutputsTest() override {
-    pincom.reset();
-    clock::useRealClock();
-  }
-  void init() {
-    pincom = std::make_unique<Pincom>(gpio, s);
-    pincom->initGpio();
-  }
+  void init() { start(DATAEAST); }
   PortExtender& ext() { return pincom->portExtender(); }
   int extPin(int n) { return gpio.portExtender().pinLevel(n); }
-  // Runs the main loop's per-millisecond call for `ms` milliseconds.
-  void run(unsigned ms) {
-    for (unsigned i = 0; i < ms; ++i) {
-      clock::advanceMillis(1);
-      pincom->updatePincom(static_cast<unsigned>(millis()));
+  // Runs the main loop's per-millisecond call for each span and checks `level()` after it.
+  void expectLevels(const std::function<int()>& level, std::initializer_list<std::pair<unsigned, int>> steps) {
+    for (auto [ms, want] : steps) {
+      for (unsigned i = 0; i < ms; ++i) {
+        clock::advanceMillis(1);
+        pincom->updatePincom(static_cast<unsigned>(millis()));
+      }
+      EXPECT_EQ(level(), want) << "after " << ms << " ms";
     }
   }
-
-  Settings s;
-  SimGpio gpio;
-  std::unique_ptr<Pincom> pincom;
+  void run(unsigned ms) { expectLevels([] { return 0; }, {{ms, 0}}); }
 };
 
 TEST_F(OutputsTest, ExtenderPinsAndTheirRange) {
@@ -93,25 +81,15 @@ TEST_F(OutputsTest, ShakerActiveLowInvertsLevels) {
 
 TEST_F(OutputsTest, ShakerPatternRunsItsPhasesAndANewOneRestartsIt) {
   init();
+  auto shaker = [&] { return gpio.outputLevel(15); };
   pincom->shaker().playbackShakerSequence({200, 100, 300});
-  EXPECT_EQ(gpio.outputLevel(15), HIGH);
-  run(200);
-  EXPECT_EQ(gpio.outputLevel(15), HIGH);  // switches only once past the time
-  run(1);
-  EXPECT_EQ(gpio.outputLevel(15), LOW);
-  run(101);
-  EXPECT_EQ(gpio.outputLevel(15), HIGH);
-  run(301);
-  EXPECT_EQ(gpio.outputLevel(15), LOW);
+  // On at once; each phase switches only once past its time; off at the end.
+  expectLevels(shaker, {{0, HIGH}, {200, HIGH}, {1, LOW}, {101, HIGH}, {301, LOW}});
   EXPECT_FALSE(pincom->shaker().patternRunning());
-
   pincom->shaker().playbackShakerSequence({300});
   run(250);
   pincom->shaker().playbackShakerSequence({100});
-  run(100);
-  EXPECT_EQ(gpio.outputLevel(15), HIGH);
-  run(1);
-  EXPECT_EQ(gpio.outputLevel(15), LOW);
+  expectLevels(shaker, {{100, HIGH}, {1, LOW}});
   pincom->shaker().playbackShakerSequence({});
   EXPECT_FALSE(pincom->shaker().patternRunning());
 }
@@ -119,13 +97,7 @@ TEST_F(OutputsTest, ShakerPatternRunsItsPhasesAndANewOneRestartsIt) {
 TEST_F(OutputsTest, PortSeqTogglesOnTime) {
   init();
   ext().sendPortCmd("PORTSEQ 101 500 500");
-  EXPECT_EQ(extPin(1), 0);
-  run(1);  // first pass: on
-  EXPECT_EQ(extPin(1), 1);
-  run(500);
-  EXPECT_EQ(extPin(1), 1);
-  run(1);
-  EXPECT_EQ(extPin(1), 0);
+  expectLevels([&] { return extPin(1); }, {{0, 0}, {1, 1}, {500, 1}, {1, 0}});  // on at the first pass
   EXPECT_EQ(ext().runningSequences(), 0u);  // removed at its last toggle
 }
 

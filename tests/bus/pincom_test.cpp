@@ -91,24 +91,7 @@ TEST(Capture, AssemblyRulesAndTimeOutsPerProtocol) {
   }
 }
 
-TEST_F(BusTest, AcknowledgePulsesHaveTheirShape) {
-  start(DATAEAST);
-  ASSERT_TRUE(machine->sendByte(0x2A));
-  // Sound acknowledge: one low pulse, back high; music acknowledge: one high pulse.
-  const auto sound = gpio.outputEdges(12);
-  ASSERT_GE(sound.size(), 2u);
-  EXPECT_EQ(sound[sound.size() - 2].level, LOW);
-  EXPECT_EQ(sound.back().level, HIGH);
-  const uint64_t from = gpio.nextOutputEdgeSeq(14);
-  pincom->ackMusic();
-  const auto music = gpio.outputEdges(14);
-  ASSERT_EQ(gpio.nextOutputEdgeSeq(14) - from, 2u);
-  EXPECT_EQ(music[music.size() - 2].level, HIGH);
-  EXPECT_EQ(music.back().level, LOW);
-  EXPECT_EQ(pincom->readSTB(), HIGH);  // idle strobe
-}
-
-TEST_F(BusTest, InitGpioConfiguresThePinsOnce) {
+TEST_F(BusTest, InitGpioConfiguresThePinsOnceAndAcknowledgesWithPulses) {
   LogCapture cap;
   s.shakerEnabled = 1;
   s.pinShaker = 8;  // wiringPi 15
@@ -125,6 +108,19 @@ TEST_F(BusTest, InitGpioConfiguresThePinsOnce) {
   EXPECT_TRUE(cap.contains("shaker enabled, using pin 8"));
   pincom->initGpio();
   EXPECT_TRUE(cap.contains("initGpio was called twice -> skipping"));
+  // Sound acknowledge: one low pulse, back high; music acknowledge: one high pulse.
+  ASSERT_TRUE(machine->sendByte(0x2A));
+  const auto sound = gpio.outputEdges(12);
+  ASSERT_GE(sound.size(), 2u);
+  EXPECT_EQ(sound[sound.size() - 2].level, LOW);
+  EXPECT_EQ(sound.back().level, HIGH);
+  const uint64_t from = gpio.nextOutputEdgeSeq(14);
+  pincom->ackMusic();
+  const auto music = gpio.outputEdges(14);
+  ASSERT_EQ(gpio.nextOutputEdgeSeq(14) - from, 2u);
+  EXPECT_EQ(music[music.size() - 2].level, HIGH);
+  EXPECT_EQ(music.back().level, LOW);
+  EXPECT_EQ(pincom->readSTB(), HIGH);  // idle strobe
 }
 
 TEST_F(BusTest, I2SRemapReadsBitOneFromPin25) {

@@ -90,9 +90,9 @@ TEST(AudioDevices, ListControlsAndSettingsLines) {
   ASSERT_FALSE(devices.empty());
   EXPECT_EQ("default", devices.front().name);
   for (const auto& d : devices) EXPECT_NE("null", d.name);
-  EXPECT_EQ("hw:sndrpihifiberry", controlDeviceFor("hw:CARD=sndrpihifiberry,DEV=0"));
-  EXPECT_EQ("hw:1", controlDeviceFor("plughw:1,0"));
-  EXPECT_EQ("default", controlDeviceFor(""));
+  for (auto [device, control] : {std::pair{"hw:CARD=sndrpihifiberry,DEV=0", "hw:sndrpihifiberry"},
+                                 std::pair{"plughw:1,0", "hw:1"}, std::pair{"", "default"}})
+    EXPECT_EQ(control, controlDeviceFor(device));
   test::LogCapture cap;
   EXPECT_EQ("[]", getAlsaControls("hw:CARD=nosuchcard,DEV=0"));
   EXPECT_EQ(-1, setValueForControl("hw:CARD=nosuchcard,DEV=0", 3, 0, 10));
