@@ -12,6 +12,8 @@ namespace korvo {
 namespace {
 
 using test::StorageFixture;
+using test::Traits;
+using test::traits;
 
 // An 8-column pack as Windows tools write them: BOM, CRLF, quoted header and names,
 // ids with and without 0x, backslashes, file names in another case, rows of one id
@@ -65,23 +67,16 @@ TEST(AltsoundRead, EightColumnPackFromWindows) {
   EXPECT_EQ(fx.idx.samplesMap.mapSize(), 4);
   AudioSample *theme = fx.idx.getSampleForId(1), *hello = fx.idx.getSampleForId(2), *jingle = fx.idx.getSampleForId(4);
   ASSERT_TRUE(theme && hello && jingle);
-  EXPECT_EQ(theme->type, MUSIC);
-  EXPECT_EQ(theme->gain, 80u);
-  EXPECT_EQ(theme->ducking, 100u);
+  EXPECT_EQ(traits(theme), (Traits{MUSIC, 80, 100, "Main Theme"}));
+  EXPECT_EQ(traits(hello), (Traits{SFX, 50, 40, "Hello, World"}));  // empty CHANNEL and GAIN
+  EXPECT_EQ(traits(jingle), (Traits{JINGLE, 60, 100, "Jingle \"J\""}));  // DUCK -1: "pause the music"
   EXPECT_EQ(theme->basepath, fx.dir);
   EXPECT_EQ(theme->samples, std::vector<std::string>{fx.dir + "/music/01_main_theme.ogg"});
   EXPECT_EQ(theme->size, std::string("audio:music/01_main_theme.ogg").size());
-  EXPECT_EQ(hello->type, SFX);  // empty CHANNEL
-  EXPECT_EQ(hello->name, "Hello, World");
-  EXPECT_EQ(hello->gain, 50u);
   EXPECT_TRUE(hello->gaindefault);
-  EXPECT_EQ(hello->ducking, 40u);
   EXPECT_EQ(hello->samples, (std::vector<std::string>{fx.dir + "/Sfx/Hello1.ogg", fx.dir + "/Sfx/hello2.ogg"}));
   EXPECT_EQ(hello->chunk.size(), 2u);
   EXPECT_EQ(fx.idx.getSampleForId(3)->type, SINGLE);
-  EXPECT_EQ(jingle->type, JINGLE);
-  EXPECT_EQ(jingle->ducking, 100u);  // "pause the music"
-  EXPECT_EQ(jingle->name, "Jingle \"J\"");
   EXPECT_EQ(jingle->samples.size(), 1u);  // the missing file's row stays
   EXPECT_EQ(fx.idx.getSampleForId(5), nullptr);
   EXPECT_EQ(fx.idx.getSampleForId(6), nullptr);
@@ -216,8 +211,8 @@ TEST(AltsoundExport, ExportedPackReadsBackTheSameSounds) {
   for (unsigned id : {0x10u, 0x11u, 0x12u}) {
     AudioSample *a = fx.idx.getSampleForId(id), *b = back->getSampleForId(id);
     ASSERT_TRUE(b) << id;
-    EXPECT_EQ(std::tie(a->type, a->gain, a->ducking, a->name, a->shakersequence),
-              std::tie(b->type, b->gain, b->ducking, b->name, b->shakersequence));
+    EXPECT_EQ(traits(a), traits(b));
+    EXPECT_EQ(a->shakersequence, b->shakersequence);
     EXPECT_EQ(test::readFile(a->samples[0]), test::readFile(b->samples[0]));
   }
   // Without copying, FNAME is relative to the base path.

@@ -146,15 +146,24 @@ TEST(MoveSound, RefusesWhatWouldLoseOrMisplaceData) {
   EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
 }
 
-TEST(MoveSound, BasePathHoldingATypeWord) {
+TEST(MoveSound, TypeChangeMovesTheDirectoryUnderABasePathHoldingATypeWord) {
   test::SetFixture f;
   f.set.basedir = (f.tmp / "music" / "sfx-pack").string();
-  f.sound("sfx/3-c");
+  f.sound("sfx/3-c", {"a.ogg", "b.ogg"});
   fs::create_directories(f.dir("music"));
   ASSERT_EQ(f.load(), 0);
-  ASSERT_EQ(f.idx.moveSoundToGroup(3, MUSIC), 0);
+  ASSERT_EQ(f.idx.updateTypeForSample(3, MUSIC), 0);
+  AudioSample* s = f.idx.getSampleForId(3);
+  EXPECT_EQ(s->type, MUSIC);
+  EXPECT_EQ(s->basepath, f.set.basedir + "/music/3-c");
+  EXPECT_EQ(s->samples[1], f.dir("music/3-c/b.ogg").string());
   EXPECT_TRUE(fs::exists(f.dir("music/3-c/a.ogg")));
-  EXPECT_EQ(f.idx.getSampleForId(3)->basepath, f.set.basedir + "/music/3-c");
+  EXPECT_FALSE(fs::exists(f.dir("sfx/3-c")));
+  // Other storage types cannot change a type; unknown sounds are refused.
+  EXPECT_EQ(f.idx.updateTypeForSample(5, VOICE), 1);
+  f.idx.setType = ZIPFILE;
+  EXPECT_EQ(f.idx.updateTypeForSample(3, VOICE), 2);
+  EXPECT_EQ(s->type, MUSIC);
 }
 
 }  // namespace

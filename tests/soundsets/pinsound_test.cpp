@@ -21,8 +21,7 @@ TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
   EXPECT_EQ(f.idx.samplesMap.mapSize(), 3);
   AudioSample* theme = f.idx.getSampleForId(31);
   ASSERT_TRUE(theme && f.idx.getSampleForId(32) && f.idx.getSampleForId(42));
-  EXPECT_EQ(theme->name, "Theme");
-  EXPECT_EQ(theme->type, MUSIC);
+  EXPECT_EQ(test::traits(theme), (test::Traits{MUSIC, 50, 100, "Theme"}));
   EXPECT_EQ(theme->magic, 0u);
   EXPECT_EQ(theme->basepath, f.dir("music/0x1F-Theme").string());
   EXPECT_EQ(f.idx.getSampleForId(32)->name, "Boom");
@@ -66,13 +65,12 @@ TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   EXPECT_EQ(files->size, 200u);
   EXPECT_TRUE(files->preload);  // larger than the threshold
   EXPECT_TRUE(files->gaindefault && files->duckingdefault);
-  EXPECT_EQ(files->ducking, 80u);  // the sfx default
+  EXPECT_EQ(test::traits(files), (test::Traits{SFX, 50, 80, "Files"}));  // the sfx defaults
   EXPECT_TRUE(serial->samples.empty());
   EXPECT_EQ(serial->serialcmd, "S1 S2");
   EXPECT_EQ(many->samples.size(), 10u);
   EXPECT_FALSE(many->preload);
-  EXPECT_EQ(tuned->gain, 33u);
-  EXPECT_EQ(tuned->ducking, 40u);
+  EXPECT_EQ(test::traits(tuned), (test::Traits{JINGLE, 33, 40, "Tuned"}));
   EXPECT_FALSE(tuned->gaindefault || tuned->duckingdefault);
   EXPECT_FALSE(tuned->preload);  // not above the threshold
   EXPECT_EQ(tuned->shakersequence, (std::vector<uint32_t>{100, 50, 100, 0}));

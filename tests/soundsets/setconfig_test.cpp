@@ -212,25 +212,6 @@ TEST(SetConfig, PerSoundEditsOfAltsoundSetsGoToTheTable) {
   EXPECT_EQ(s->name, "Intro");
 }
 
-TEST(SetConfig, TypeChangeByStorageType) {
-  SetFixture f;
-  f.sound("sfx/1-a", {"a.ogg", "b.ogg"});
-  ASSERT_EQ(f.load(), 0);
-  EXPECT_EQ(f.idx.updateTypeForSample(1, VOICE), 0);
-  AudioSample* s = f.idx.getSampleForId(1);
-  EXPECT_EQ(s->type, VOICE);
-  EXPECT_EQ(s->basepath, f.dir("voice/1-a").string());
-  EXPECT_EQ(s->samples[1], f.dir("voice/1-a/b.ogg").string());
-  EXPECT_TRUE(fs::exists(f.dir("voice/1-a/a.ogg")));
-  EXPECT_FALSE(fs::exists(f.dir("sfx/1-a")));
-
-  LogCapture cap;
-  EXPECT_EQ(f.idx.updateTypeForSample(5, MUSIC), 1);
-  f.idx.setType = ZIPFILE;
-  EXPECT_EQ(f.idx.updateTypeForSample(1, MUSIC), 2);
-  EXPECT_EQ(s->type, VOICE);
-}
-
 TEST(SetConfig, ShakerTextWithoutNumbers) {
   std::vector<uint32_t> seq;
   EXPECT_EQ(parseShakerSequence(" ,;\t", seq), 0);

@@ -73,6 +73,18 @@ struct StorageFixture {
   }
 };
 
+// What most checks of a record look at, in one comparable value.
+struct Traits {
+  AudioType type;
+  uint32_t gain, ducking;
+  std::string name;
+  bool operator==(const Traits&) const = default;
+};
+inline Traits traits(const AudioSample* s) { return {s->type, s->gain, s->ducking, s->name}; }
+inline void PrintTo(const Traits& t, std::ostream* os) {
+  *os << audioTypeName(t.type) << " gain " << t.gain << " ducking " << t.ducking << " '" << t.name << "'";
+}
+
 // A base directory with one PINSOUND set "set" in it; "configs" for shared mappings
 // lives beside the set.
 struct SetFixture : StorageFixture {
