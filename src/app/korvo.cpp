@@ -82,6 +82,7 @@ void Korvo::createSoundEngine() {
   engine_ = std::make_unique<SoundEngine>(settings);
   engine_->setSoundsDir(findSoundsDir());
   engine_->setTransientSettingsFile("va.ini");
+  engine_->setCopyMapping(opt_.copyLocalConfig != 0);
   protocolPort_ = std::make_unique<SoundEngineProtocolPort>(*engine_);
   handlers_ = std::make_unique<ProtocolHandlers>(*protocolPort_, settings);
 

@@ -305,7 +305,7 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
   currentSetBasedir_ = set->basedir;
   set->samples.clear();
   LOG(LEVEL_INFO, "loading soundset %d '%s' from %s", number, set->name.c_str(), set->basedir.c_str());
-  if (index_.initSamples(*set, 1) != 0) {
+  if (index_.initSamples(*set, copyMapping_ ? 1 : 0) != 0) {
     LOG(LEVEL_ERROR, "soundset %d '%s' could not be loaded", number, set->name.c_str());
     loadingSoundSet_.store(0);
     playSystemSoundLocked(&lk, "config-missing.ogg", 1);

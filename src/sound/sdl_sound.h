@@ -234,6 +234,9 @@ class SoundEngine {
   // 1 for an invalid number, else 0.
   int removeSoundSet(int number);
   int loadingSoundSet() const { return loadingSoundSet_.load(std::memory_order_acquire); }
+  // -J: a scrambled set's own mapping file is copied to the shared "configs" folder
+  // when the set loads (off by default).
+  void setCopyMapping(bool on) { copyMapping_ = on; }
   // Play "soundset", the number and "ready" after a set load (default on).
   void setAnnounceSoundSet(bool on) { announceSoundSet_ = on; }
 
@@ -359,6 +362,7 @@ class SoundEngine {
   std::string currentSetBasedir_;
   std::string baseDir_;
   bool announceSoundSet_ = true;
+  bool copyMapping_ = false;
   std::string soundsDir_ = "sounds";
   int promptPollMs_ = 300;
   std::string openDevice_;  // name of the open device, "" = default
