@@ -164,8 +164,6 @@ TEST(SetConfig, PerSoundEditsOfPinsoundSets) {
 
   EXPECT_EQ(f.idx.updateShakerCmdForSample(1, "10;20"), 0);
   EXPECT_EQ(s->shakersequence, (std::vector<uint32_t>{10, 20}));
-  EXPECT_EQ(f.idx.updateShakerCmdForSample(1, ""), 0);
-  EXPECT_TRUE(s->shakersequence.empty());
 
   // Name and preload live only in table sets; the result codes differ per edit.
   EXPECT_EQ(f.idx.updateNameForSample(1, "x"), 2);

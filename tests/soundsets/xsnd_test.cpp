@@ -113,7 +113,6 @@ TEST(XsndContainer, RoundTripKeepsRecordsAndExactAudioBytes) {
   EXPECT_EQ(r1->serialcmd, "P1;P2");
   EXPECT_TRUE(r1->preload);
   EXPECT_EQ(r1->basepath, path);
-  EXPECT_EQ(r1->isplayingonchannel, AudioSample::kNotPlaying);
   EXPECT_EQ(r2->samples.size(), 2u);
   EXPECT_EQ(r2->chunk.size(), 2u);
   // Each audio chunk: state word 1 and exactly the file's bytes.
