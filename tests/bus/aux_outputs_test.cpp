@@ -162,15 +162,13 @@ TEST(EventService, DeliversGoodDatagramsToEveryHandlerAndDropsBadOnes) {
   EXPECT_FALSE(EventService().start(-1, "127.0.0.1"));
   std::mutex m;
   std::vector<std::string> got;
-  events.addEventHandler([&](const std::string& e) {
+  auto record = [&](const std::string& e) {
     std::lock_guard lock(m);
-    got.push_back("a:" + e);
-  });
+    got.push_back(e);
+  };
+  events.addEventHandler([&](const std::string& e) { record("a:" + e); });
   events.addEventHandler([&](const std::string& e) {
-    {
-      std::lock_guard lock(m);
-      got.push_back("b:" + e);
-    }
+    record("b:" + e);
     throw std::runtime_error("script error");
   });
   LogCapture cap;

@@ -58,7 +58,7 @@ TEST_F(Pool, PreloadedNeverPlayedGoesFirst) {
   EXPECT_TRUE(engine->getSampleForId(10)->isLoaded(0));  // played: kept over unplayed preloads
 }
 
-TEST_F(Pool, SwitchAndCycleSets) {
+TEST_F(Pool, SwitchAndCycleSetsAndRefuseAVanishedOne) {
   for (const char* n : {"a", "b", "c"}) makeSet(n);
   openEngine();
   int writes = 0;
@@ -84,22 +84,17 @@ TEST_F(Pool, SwitchAndCycleSets) {
   engine->cycleSoundSet(3);  // back to the same set: no prompt, no load
   EXPECT_FALSE(quiet.contains("switching-soundset"));
   EXPECT_FALSE(quiet.contains("loading soundset"));
-}
-
-TEST_F(Pool, VanishedSetIsRefusedAndTheOldOneKeepsPlaying) {
-  makeSet("a");
-  makeSet("b");
-  openEngine();
-  loadSets();
-  const int current = settings.soundSet;
-  const int gone = current == 1 ? 2 : 1;
-  std::filesystem::remove_all(engine->catalogue().get(gone)->basedir);
-  test::LogCapture cap;
-  EXPECT_EQ(1, engine->switchToSoundSet(gone));
-  EXPECT_TRUE(cap.contains("is gone"));
-  EXPECT_EQ(current, settings.soundSet.load());
+  // A set whose folder went away is refused; the current one keeps playing.
+  std::filesystem::remove_all(engine->catalogue().get(2)->basedir);
+  test::LogCapture gone;
+  EXPECT_EQ(1, engine->switchToSoundSet(2));
+  EXPECT_TRUE(gone.contains("is gone"));
+  EXPECT_EQ(1, settings.soundSet.load());
   engine->handleSoundByType(10);
   EXPECT_TRUE(engine->isSamplePlaying(10));
+  const int r = engine->randomSampleId();
+  auto lk = engine->lock();
+  EXPECT_NE(nullptr, engine->getSampleForId(r));
 }
 
 TEST_F(Pool, NoSoundSetAtAll) {
