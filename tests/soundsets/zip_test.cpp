@@ -12,22 +12,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Writes an archive with the given entries (name -> content); names ending in "/"
-// become directory entries. Names go in as they are, hostile ones included.
+// Writes an archive with the given entries (name -> content). Names go in as they
+// are, hostile ones included.
 void makeZip(const std::string& path, const std::vector<std::pair<std::string, std::string>>& entries) {
   int err = 0;
   zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
   ASSERT_TRUE(za);
   for (const auto& [name, content] : entries) {
-    if (!name.empty() && name.back() == '/') {
-      zip_dir_add(za, name.c_str(), ZIP_FL_ENC_RAW);
-      continue;
-    }
-    auto* copy = new std::string(content);  // libzip reads it at close
-    zip_source_t* src = zip_source_buffer(za, copy->data(), copy->size(), 0);
+    void* copy = malloc(content.size() + 1);  // libzip reads it at close, then frees it
+    memcpy(copy, content.data(), content.size());
+    zip_source_t* src = zip_source_buffer(za, copy, content.size(), 1);
     ASSERT_GE(zip_file_add(za, name.c_str(), src, ZIP_FL_ENC_RAW), 0) << name;
-    static std::vector<std::unique_ptr<std::string>> keep;
-    keep.emplace_back(copy);
   }
   ASSERT_EQ(zip_close(za), 0);
 }
@@ -111,11 +106,7 @@ TEST(ZipBadInput, NotAnArchiveAndDamagedEntries) {
   EXPECT_EQ(treeOf(target), (std::vector<std::string>{"a.txt", "b.txt"}));
 }
 
-TEST(ZipPaths, JoinsWithOneSlashAndRefusesAbsoluteAndClimbingNames) {
-  EXPECT_EQ(prefixDir(nullptr, "a.ogg"), "a.ogg");
-  EXPECT_EQ(prefixDir("", "a.ogg"), "a.ogg");
-  EXPECT_EQ(prefixDir("/x/", "a.ogg"), "/x/a.ogg");
-  EXPECT_EQ(prefixDir("/x", "a.ogg"), "/x/a.ogg");
+TEST(ZipPaths, RefusesAbsoluteAndClimbingNamesOnly) {
   for (const char* ok : {"a/b.ogg", "a..b/c", "./a"}) EXPECT_TRUE(isContainedPath(ok)) << ok;
   for (const char* bad : {"/etc/passwd", "a/../../b", "a/.."}) EXPECT_FALSE(isContainedPath(bad)) << bad;
 }
