@@ -33,7 +33,7 @@ TEST(RemoveFromRecord, KeepsTheHistoricalMoveDown) {
   }
 }
 
-TEST(EditPinsound, UploadsAreRenumberedAndRemovalsDeleteTheFile) {
+TEST(EditPinsound, UploadsAreRenumberedRemovalsDeleteTheFileAndZipSetsRefuse) {
   StorageFixture fx;
   fx.idx.setType = PINSOUND;
   AudioSample* s = fx.addSound(0x21, SFX, "sfx/33-boom", {{"a.ogg", "A"}});
@@ -57,6 +57,14 @@ TEST(EditPinsound, UploadsAreRenumberedAndRemovalsDeleteTheFile) {
   test::writeFile(upload, "x");
   EXPECT_EQ(addSampleToSound(fx.idx, 0x99, upload, "x.ogg"), -1);
   EXPECT_EQ(addSampleToSound(fx.idx, 0x21, upload, "../.."), -1);
+  EXPECT_EQ(s->samples.size(), 2u);
+  // Zip sets have no edit handlers: their files stay as they are.
+  fx.idx.setType = ZIPFILE;
+  test::LogCapture cap;
+  EXPECT_EQ(removeSampleFromSound(fx.idx, 0x21, 0), 1);
+  EXPECT_TRUE(cap.contains("remove sample for sound not expected for soundset type"));
+  EXPECT_EQ(addSampleToSound(fx.idx, 0x21, upload, "u.ogg"), -1);
+  EXPECT_TRUE(fs::exists(fx.tmp / "sfx/33-boom/a.ogg"));
   EXPECT_EQ(s->samples.size(), 2u);
 }
 
@@ -94,19 +102,6 @@ TEST(EditXsnd, AddAppendsAfterTheIndexAndRemoveMarksTheChunk) {
   EXPECT_EQ(s->filechunks.size(), 3u);  // the chunk table keeps its length
   EXPECT_EQ(s->filechunks[0].offset, s->filechunks[1].offset);  // moved down by the same rule
   EXPECT_EQ(fx.unpack(path)->getSampleForId(5)->samples.size(), 2u);
-}
-
-TEST(EditOtherTypes, ZipSetsHaveNoEditHandlers) {
-  StorageFixture fx;
-  fx.idx.setType = ZIPFILE;
-  fx.addSound(1, SFX, "z", {{"a.ogg", "A"}});
-  test::writeFile(fx.tmp / "up", "u");
-  test::LogCapture cap;
-  EXPECT_EQ(removeSampleFromSound(fx.idx, 1, 0), 1);
-  EXPECT_TRUE(cap.contains("remove sample for sound not expected for soundset type"));
-  EXPECT_TRUE(fs::exists(fx.tmp / "z/a.ogg"));
-  EXPECT_EQ(addSampleToSound(fx.idx, 1, (fx.tmp / "up").string(), "u.ogg"), -1);
-  EXPECT_EQ(fx.idx.getSampleForId(1)->samples.size(), 1u);
 }
 
 TEST(EditAltsound, RowsFollowAddedAndRemovedFilesAndAudioStays) {
