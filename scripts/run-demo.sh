@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds korvo and runs it on the bundled demo sound set
-# with the simulated bus and the web service (http://localhost:31008/).
+# with the simulated bus, replaying the recorded demo session (demo/session.rec).
 # Keys: digits then Enter play a command, Enter alone a random sound, +/- volume,
 # m next sound set, q quits. Extra arguments are passed to korvo.
 set -euo pipefail

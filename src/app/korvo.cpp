@@ -190,6 +190,7 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
                   [handlers](const uint8_t* c, unsigned v) { handlers->soundWSHandler(c, static_cast<int>(v)); }});
   bus_->startSession(opt_.playbackFile, opt_.recordFile);
   if (opt_.enableAudio) engine_->startSoundServiceThread();
+  if (opt_.enableHttpService) LOG(LEVEL_WARN, "the HTTP service is not part of this build yet, -H ignored");
 
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
   return -1;
