@@ -35,8 +35,13 @@ double measure(pid_t pid, int seconds) {
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
   unsigned long long b = threadRunNs(pid, pid);
   double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  kill(pid, SIGTERM);
+  // A child that is gone before the end measured nothing: say so instead of printing 0.
   int status = 0;
+  if (waitpid(pid, &status, WNOHANG) == pid) {
+    fprintf(stderr, "measured process %d ended early (status 0x%x)\n", pid, status);
+    exit(1);
+  }
+  kill(pid, SIGTERM);
   waitpid(pid, &status, 0);
   return static_cast<double>(b - a) / 1e9 / wall;  // CPU seconds per second
 }
