@@ -78,6 +78,8 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "audio engine did not start\n");
       rc = 1;
     } else {
+      // KORVO_SERVICE_PRIO=<1..99> runs the service thread at SCHED_FIFO, as on a board.
+      if (const char* prio = std::getenv("KORVO_SERVICE_PRIO")) engine.setServiceThreadPriority(std::atoi(prio));
       engine.startSoundServiceThread();
       SimGpio gpio;
       SoundEngineProtocolPort port(engine);
