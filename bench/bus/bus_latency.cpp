@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -48,16 +49,28 @@ struct Sink {
   }
 };
 
-void latency() {
+// Settings, sim pins, capture and the simulated CPU board for one protocol, with every
+// delivered command recorded in `sink`.
+struct Rig {
+  explicit Rig(int protocol) {
+    initSettings(&s);
+    s.protocol = protocol;
+    pincom.setConsumers(sink.consumers());
+    pincom.initGpio();
+    // The board is wired after initGpio, which settles the pin rows (I2S remap).
+    machine = std::make_unique<SimMachine>(gpio, pincom);
+  }
   Settings s;
-  initSettings(&s);
-  s.protocol = DATAEAST;
   SimGpio gpio;
   Sink sink;
-  Pincom pincom(gpio, s);
-  pincom.setConsumers(sink.consumers());
-  pincom.initGpio();
-  SimMachine machine(gpio, pincom);
+  Pincom pincom{gpio, s};
+  std::unique_ptr<SimMachine> machine;
+};
+
+void latency() {
+  Rig rig(DATAEAST);
+  Sink& sink = rig.sink;
+  SimMachine& machine = *rig.machine;
   constexpr int kCommands = 10000;
   sink.values.reserve(kCommands);
   sink.times.reserve(kCommands);
@@ -114,15 +127,11 @@ Protocol commandsFor(int p, int n) {
 // routine and the acknowledge), else raw strobes back to back.
 void burst(int protocol, bool handshake) {
   constexpr int kCommands = 5000;
-  Settings s;
-  initSettings(&s);
-  s.protocol = protocol;
-  SimGpio gpio;
-  Sink sink;
-  Pincom pincom(gpio, s);
-  pincom.setConsumers(sink.consumers());
-  pincom.initGpio();
-  SimMachine machine(gpio, pincom);
+  Rig rig(protocol);
+  Sink& sink = rig.sink;
+  SimGpio& gpio = rig.gpio;
+  Pincom& pincom = rig.pincom;
+  SimMachine& machine = *rig.machine;
   const SimBusWiring w = simBusWiring(pincom);
   const int active = w.strobeEdge == INT_EDGE_RISING ? HIGH : LOW;
   const Protocol cmds = commandsFor(protocol, kCommands);
