@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <string>
 
-#include "core/fileutil.h"
-#include "core/log.h"
+#include "base/fileutil.h"
+#include "base/log.h"
 #include "soundsets/altsound.h"
 #include "soundsets/sample_index.h"
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "bus/pincom.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
 

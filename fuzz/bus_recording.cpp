@@ -6,7 +6,7 @@
 #include <string>
 
 #include "bus/session_recorder.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

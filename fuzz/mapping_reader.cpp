@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
 

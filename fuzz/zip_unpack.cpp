@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "soundsets/unzip.h"
 
 namespace fs = std::filesystem;

@@ -15,7 +15,7 @@
 
 #include "bus/pincom.h"
 #include "bus/sim_board.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
 

@@ -19,7 +19,7 @@
 #include "support/wav.h"
 #include "bus/pincom.h"
 #include "bus/sim_board.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
 #include "sound/protocol_handlers.h"

@@ -23,9 +23,9 @@
 #include <vector>
 
 #include "support/wav.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 #include "platform/clock.h"
 #include "sound/sdl_sound.h"
 

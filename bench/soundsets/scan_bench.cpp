@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 #include "soundsets/sample_index.h"
 
 namespace fs = std::filesystem;

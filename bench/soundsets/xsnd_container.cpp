@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "Audio.pb-c.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
 #include "soundsets/xsnd.h"

@@ -10,9 +10,9 @@
 #include <ctime>
 
 #include "bus/io_test.h"
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "core/sysinfo.h"
 #include "platform/clock.h"
 #include "soundsets/altsound.h"

@@ -1,6 +1,6 @@
 #include "bus/bus.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

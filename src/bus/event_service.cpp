@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

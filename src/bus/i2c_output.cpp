@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 
 namespace korvo {
 

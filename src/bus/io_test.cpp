@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "bus/pincom.h"
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

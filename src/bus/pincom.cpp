@@ -1,7 +1,7 @@
 #include "bus/pincom.h"
 
 #include "bus/session_recorder.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 
 namespace korvo {

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "platform/clock.h"
 
 namespace korvo {

@@ -7,7 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 
 namespace korvo {

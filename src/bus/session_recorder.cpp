@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "bus/pincom.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
 #include "platform/clock.h"
 

@@ -1,7 +1,7 @@
 #include "bus/shaker.h"
 
 #include "bus/pin_tables.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 
 namespace korvo {

@@ -6,7 +6,7 @@
 #include <netdb.h>
 #include <unistd.h>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

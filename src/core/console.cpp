@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

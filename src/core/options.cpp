@@ -5,7 +5,7 @@
 #include <cctype>
 #include <cstdlib>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

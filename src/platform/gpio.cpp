@@ -7,7 +7,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/gpiod_gpio.h"
 #include "platform/sim_gpio.h"
 #include "platform/wiringpi_gpio.h"

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/mcp23017.h"
 
 namespace korvo {

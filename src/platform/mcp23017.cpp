@@ -1,6 +1,6 @@
 #include "platform/mcp23017.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

@@ -1,6 +1,6 @@
 #include "platform/sim_bus_driver.h"
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 
 namespace korvo {

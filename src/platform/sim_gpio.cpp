@@ -4,7 +4,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 
 namespace korvo {

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/mcp23017.h"
 
 namespace korvo {

@@ -10,9 +10,9 @@
 #include <memory>
 #include <sstream>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "sound/sdl_sound.h"
 
 namespace korvo {

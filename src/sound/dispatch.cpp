@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "platform/clock.h"
 #include "platform/gpio.h"
 #include "sound/sdl_sound.h"

@@ -1,7 +1,7 @@
 // Music on the mixer's music stream: start, stop, pause, fade and resume; effect
 // fades; ducking; the master volume and its persistence.
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "sound/sdl_sound.h"
 
 namespace korvo {

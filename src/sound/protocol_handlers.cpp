@@ -1,6 +1,6 @@
 #include "sound/protocol_handlers.h"
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 #include "sound/sdl_sound.h"
 

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "platform/clock.h"
 
 namespace korvo {

@@ -7,7 +7,7 @@
 #include <pthread.h>
 #include <sched.h>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "sound/sdl_sound.h"
 
 namespace korvo {

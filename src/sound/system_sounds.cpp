@@ -3,9 +3,9 @@
 #include <cstring>
 #include <thread>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "sound/sdl_sound.h"
 
 namespace korvo {

@@ -9,9 +9,9 @@
 #include <set>
 #include <unordered_map>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "soundsets/altsound_table.h"
 #include "soundsets/dir_listing.h"
 #include "soundsets/unzip.h"

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "core/fileutil.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/stringutil.h"
 
 namespace korvo {
 

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "soundsets/dir_listing.h"
 
 namespace korvo {

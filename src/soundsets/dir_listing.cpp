@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 
 namespace korvo {
 

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "soundsets/altsound.h"
 #include "soundsets/xsnd.h"
 

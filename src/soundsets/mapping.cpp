@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "soundsets/sample_index.h"
 
 namespace korvo {

@@ -1,6 +1,6 @@
 // The loaders of the set types that are not directory trees: the set loader hands
 // them the set, they fill samplesMap.
-#include "core/log.h"
+#include "base/log.h"
 #include "soundsets/altsound.h"
 #include "soundsets/sample_index.h"
 #include "soundsets/xsnd.h"

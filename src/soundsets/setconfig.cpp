@@ -7,9 +7,9 @@
 #include <cstring>
 #include <optional>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 #include "soundsets/altsound.h"
 #include "soundsets/dir_listing.h"
 #include "soundsets/sample_index.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

@@ -10,9 +10,9 @@
 #include <cstring>
 #include <memory>
 
-#include "core/fileutil.h"
-#include "core/log.h"
-#include "core/stringutil.h"
+#include "base/fileutil.h"
+#include "base/log.h"
+#include "base/stringutil.h"
 
 namespace korvo {
 

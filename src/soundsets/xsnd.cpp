@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "Audio.pb-c.h"
-#include "core/fileutil.h"
-#include "core/log.h"
+#include "base/fileutil.h"
+#include "base/log.h"
 
 namespace korvo {
 

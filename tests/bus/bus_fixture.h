@@ -12,7 +12,7 @@
 
 #include "bus/pincom.h"
 #include "bus/sim_board.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"

@@ -4,7 +4,7 @@
 
 #include "core/map.h"
 #include "core/queue.h"
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 
 using namespace korvo;
 

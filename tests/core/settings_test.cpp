@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
-#include "core/fileutil.h"
-#include "core/log.h"
+#include "base/fileutil.h"
+#include "base/log.h"
 #include "core/settings.h"
 #include "support/testutil.h"
 

@@ -11,7 +11,7 @@
 #include <set>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/gpiod_gpio.h"
 #include "platform/mcp23017.h"
 #include "platform/wiringpi_gpio.h"

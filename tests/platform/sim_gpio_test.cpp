@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
 #include "support/testutil.h"

@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/settings.h"
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 #include "platform/clock.h"
 #include "sound/protocol_handlers.h"
 #include "sound/sdl_sound.h"

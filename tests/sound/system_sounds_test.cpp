@@ -1,7 +1,7 @@
 // Prompts and the audio device.
 #include <gtest/gtest.h>
 
-#include "core/fileutil.h"
+#include "base/fileutil.h"
 #include "engine_fixture.h"
 #include "sound/audio_device.h"
 

@@ -4,7 +4,7 @@
 
 #include <tuple>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "soundsets/altsound_table.h"
 #include "storage_fixture.h"
 

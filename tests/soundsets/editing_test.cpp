@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "soundsets/altsound.h"
 #include "soundsets/xsnd.h"
 #include "storage_fixture.h"

@@ -4,7 +4,7 @@
 #include <SDL2/SDL_mixer.h>
 #include <gtest/gtest.h>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "soundsets/xsnd.h"
 #include "storage_fixture.h"
 

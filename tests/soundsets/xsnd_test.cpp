@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "storage_fixture.h"
 
 namespace korvo {

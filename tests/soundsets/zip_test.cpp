@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "support/testutil.h"
 
 namespace korvo {

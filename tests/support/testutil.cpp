@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo::test {
 

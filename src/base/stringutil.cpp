@@ -1,4 +1,4 @@
-#include "core/stringutil.h"
+#include "base/stringutil.h"
 
 #include <cctype>
 #include <cstdarg>

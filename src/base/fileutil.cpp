@@ -1,4 +1,4 @@
-#include "core/fileutil.h"
+#include "base/fileutil.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace korvo {
 

@@ -3,7 +3,7 @@
 #include <regex>
 #include <thread>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "support/testutil.h"
 
 using namespace korvo;
