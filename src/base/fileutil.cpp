@@ -1,12 +1,15 @@
 #include "base/fileutil.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 
+#include "base/handles.h"
 #include "base/log.h"
 
 namespace korvo {
@@ -34,19 +37,60 @@ std::string dirOf(const std::string& path) {
 
 }  // namespace
 
+constexpr std::string_view kTempMarker = ".tmp";
+constexpr std::size_t kTempRandomChars = 6;  // mkstemp's XXXXXX
+
+std::string temporaryNameFor(const std::string& path) {
+  return path + std::string(kTempMarker) + std::string(kTempRandomChars, 'X');
+}
+
+bool isOwnTemporary(std::string_view name) {
+  if (name.find('/') != std::string_view::npos) return false;
+  const std::size_t tail = kTempMarker.size() + kTempRandomChars;
+  // A name of its own before the marker: ".tmpABCDEF" alone is nobody's temporary.
+  if (name.size() <= tail) return false;
+  const std::string_view marker = name.substr(name.size() - tail, kTempMarker.size());
+  if (marker != kTempMarker) return false;
+  for (char c : name.substr(name.size() - kTempRandomChars))
+    if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+  return true;
+}
+
+int removeStaleTemporaries(const std::string& dir, int depth) {
+  DirHandle d(opendir(dir.c_str()));
+  if (!d) return 0;
+  int removed = 0;
+  while (dirent* e = readdir(d.get())) {
+    const std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string path = dir + "/" + name;
+    struct stat st{};
+    if (::lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode) && depth > 0) removed += removeStaleTemporaries(path, depth - 1);
+    if (!S_ISREG(st.st_mode) || !isOwnTemporary(name)) continue;
+    if (unlink(path.c_str()) == 0) {
+      LOG(LEVEL_INFO, "removed stale temporary file %s", path.c_str());
+      ++removed;
+    } else {
+      LOG(LEVEL_WARN, "cannot remove stale temporary file %s: %s", path.c_str(), strerror(errno));
+    }
+  }
+  return removed;
+}
+
 int writeFileAtomic(const std::string& path, std::string_view content) {
-  std::string tmpl = path + ".tmpXXXXXX";
-  int fd = mkstemp(tmpl.data());
-  if (fd < 0) {
+  std::string tmpl = temporaryNameFor(path);
+  Fd fd(mkstemp(tmpl.data()));
+  if (!fd) {
     LOG(LEVEL_ERROR, "cannot create temporary file for %s: %s", path.c_str(), strerror(errno));
     return -1;
   }
   // Keep the permissions of the file being replaced; mkstemp makes it 0600.
   struct stat st{};
-  fchmod(fd, ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644);
-  bool ok = writeAll(fd, content) && fsync(fd) == 0;
+  fchmod(fd.get(), ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644);
+  bool ok = writeAll(fd.get(), content) && fsync(fd.get()) == 0;
   int err = errno;
-  if (::close(fd) != 0) ok = false;
+  if (fd.close() != 0) ok = false;
   if (!ok || rename(tmpl.c_str(), path.c_str()) != 0) {
     if (ok) err = errno;
     LOG(LEVEL_ERROR, "cannot write %s: %s", path.c_str(), strerror(err));
@@ -58,23 +102,18 @@ int writeFileAtomic(const std::string& path, std::string_view content) {
 }
 
 void syncDirectoryOf(const std::string& path) {
-  int dfd = ::open(dirOf(path).c_str(), O_RDONLY | O_DIRECTORY);
-  if (dfd >= 0) {
-    fsync(dfd);
-    ::close(dfd);
-  }
+  Fd dir(::open(dirOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir) fsync(dir.get());
 }
 
 bool readWholeFile(const std::string& path, std::string& out) {
-  FILE* f = fopen(path.c_str(), "rb");
+  FileHandle f(fopen(path.c_str(), "rb"));
   if (!f) return false;
   out.clear();
   char buf[65536];
   std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  bool ok = !ferror(f);
-  fclose(f);
-  return ok;
+  while ((n = fread(buf, 1, sizeof buf, f.get())) > 0) out.append(buf, n);
+  return !ferror(f.get());
 }
 
 int copyFileAtomic(const std::string& from, const std::string& to) {

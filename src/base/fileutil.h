@@ -9,6 +9,17 @@
 
 namespace korvo {
 
+// The temporary a writer of `path` creates beside it: a mkstemp template
+// "<path>.tmpXXXXXX". Every crash-safe writer (this file's, the container writer, uploads)
+// names its temporaries this way, so the start-up clean-up can find what a power cut left.
+std::string temporaryNameFor(const std::string& path);
+// True for a file name (no directory) made from such a template.
+bool isOwnTemporary(std::string_view name);
+// Removes the regular files in `dir` whose names are own temporaries, with an INFO line
+// each, and in its subdirectories down to `depth` levels (symbolic links are not
+// followed); nothing else is touched. Returns how many were removed.
+int removeStaleTemporaries(const std::string& dir, int depth = 0);
+
 // 0 on success, -1 with an ERROR line (the target is then untouched).
 int writeFileAtomic(const std::string& path, std::string_view content);
 // Copies `from` over `to` atomically. 0 on success, -1 with an ERROR line.

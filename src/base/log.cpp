@@ -2,8 +2,14 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
+
+#include "base/handles.h"
+#include "base/stringutil.h"
 
 namespace korvo {
 
@@ -14,7 +20,73 @@ Log& Log::instance() {
   return log;
 }
 
-void Log::setLogDevice(FILE* dev) { logdev_.store(dev, std::memory_order_release); }
+namespace {
+
+// The file opened by -f; guarded by Log's writeMutex_.
+FileHandle& ownedLogFile() {
+  static FileHandle file;
+  return file;
+}
+
+std::string formatPrefix(int level, const char* func, const char* file, int line) {
+  char thread[40];
+  getThreadName(thread, sizeof thread);
+  char buf[256];
+  int n = snprintf(buf, sizeof buf, "%s %-5s %8.8s [%s] [%s:%d] ", getFormattedTime(), logLevelLabel[level], thread,
+                   func, file, line);
+  return std::string(buf, n < 0 ? 0 : std::min<std::size_t>(static_cast<std::size_t>(n), sizeof buf - 1));
+}
+
+std::string formatBody(const char* fmt, va_list ap) {
+  char stackBuf[1024];
+  va_list again;
+  va_copy(again, ap);
+  int n = vsnprintf(stackBuf, sizeof stackBuf, fmt, ap);
+  std::string body;
+  if (n < 0) {
+    body = "(unformattable log message)";
+  } else if (static_cast<std::size_t>(n) < sizeof stackBuf) {
+    body.assign(stackBuf, static_cast<std::size_t>(n));
+  } else {
+    body.resize(static_cast<std::size_t>(n) + 1);
+    vsnprintf(body.data(), body.size(), fmt, again);
+    body.pop_back();
+  }
+  va_end(again);
+  return body;
+}
+
+}  // namespace
+
+void Log::setLogDevice(FILE* dev) {
+  std::lock_guard lock(writeMutex_);
+  reportRepeatsLocked();
+  last_.reset();
+  logdev_.store(dev, std::memory_order_release);
+}
+
+bool Log::openLogFile(const std::string& path) {
+  FileHandle f(fopen(path.c_str(), "a"));
+  if (!f) {
+    LOG(LEVEL_ERROR, "cannot open log file %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  std::lock_guard lock(writeMutex_);
+  reportRepeatsLocked();
+  last_.reset();
+  logdev_.store(f.get(), std::memory_order_release);
+  ownedLogFile() = std::move(f);  // closes a previous -f file, no longer the device
+  return true;
+}
+
+void Log::closeLogFile() {
+  std::lock_guard lock(writeMutex_);
+  if (!ownedLogFile()) return;
+  reportRepeatsLocked();
+  last_.reset();
+  if (logDevice() == ownedLogFile().get()) logdev_.store(stdout, std::memory_order_release);
+  ownedLogFile().reset();
+}
 
 void Log::setLiveLogFilter(const char* filter) {
   std::lock_guard lock(liveMutex_);
@@ -22,63 +94,75 @@ void Log::setLiveLogFilter(const char* filter) {
   liveLogFilter_ = filter ? filter : "";
 }
 
-void Log::flushLog() {
+uint64_t Log::steadyMillis() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+
+void Log::flushLog() { flushRepeats(steadyMillis()); }
+
+namespace {
+// Tests may report with a time ahead of the clock: a later line then counts as early.
+uint64_t elapsed(uint64_t now, uint64_t since) { return now > since ? now - since : 0; }
+}  // namespace
+
+void Log::flushRepeats(uint64_t nowMs) {
+  std::lock_guard lock(writeMutex_);
+  if (last_ && last_->repeats > 0 && elapsed(nowMs, last_->since) >= kRepeatSummaryMs) {
+    reportRepeatsLocked();
+    last_->since = nowMs;
+  }
   if (FILE* dev = logDevice()) fflush(dev);
 }
 
-namespace {
-
-// Formats prefix + message + newline into buf; returns the length that would have
-// been written (as snprintf does).
-int formatLine(char* buf, std::size_t size, int level, const char* func, const char* file, int line,
-               const char* fmt, va_list ap) {
-  char thread[40];
-  getThreadName(thread, sizeof thread);
-  int n = snprintf(buf, size, "%s %-5s %8.8s [%s] [%s:%d] ", getFormattedTime(), logLevelLabel[level],
-                   thread, func, file, line);
-  if (n < 0) return n;
-  std::size_t used = static_cast<std::size_t>(n) < size ? static_cast<std::size_t>(n) : size;
-  int m = vsnprintf(buf + used, size - used, fmt, ap);
-  if (m < 0) return m;
-  used = static_cast<std::size_t>(n) + static_cast<std::size_t>(m);
-  if (used + 1 < size) {
-    buf[used] = '\n';
-    buf[used + 1] = '\0';
-  } else if (size >= 2) {
-    buf[size - 2] = '\n';
-    buf[size - 1] = '\0';
-  }
-  return static_cast<int>(used + 1);
-}
-
-}  // namespace
-
 void Log::write(int level, const char* func, const char* file, int line, const char* fmt, va_list ap) {
   if (level <= LEVEL_NONE || level > LEVEL_TRACE) return;
-  va_list live;
-  va_copy(live, ap);
-  // Most lines fit the stack buffer; a longer one is formatted once more on the heap.
-  char stackBuf[1024];
-  va_list again;
-  va_copy(again, ap);
-  int len = formatLine(stackBuf, sizeof stackBuf, level, func, file, line, fmt, ap);
-  if (FILE* dev = logDevice(); dev && len > 0) {
-    if (static_cast<std::size_t>(len) < sizeof stackBuf) {
-      fputs(stackBuf, dev);
-    } else {
-      std::string big(static_cast<std::size_t>(len) + 1, '\0');
-      formatLine(big.data(), big.size(), level, func, file, line, fmt, again);
-      fputs(big.c_str(), dev);
+  const std::string body = formatBody(fmt, ap);
+  const uint64_t now = steadyMillis();
+  std::lock_guard lock(writeMutex_);
+  if (countRepeat(level, func, file, line, body, now)) return;
+  emitLocked(level, func, file, line, body);
+}
+
+bool Log::countRepeat(int level, const char* func, const char* file, int line, const std::string& body, uint64_t now) {
+  if (last_ && last_->level == level && last_->line == line && strcmp(last_->file, file) == 0 &&
+      last_->body == body) {
+    ++last_->repeats;
+    if (elapsed(now, last_->since) >= kRepeatSummaryMs) {
+      reportRepeatsLocked();
+      last_->since = now;
     }
+    return true;
   }
-  va_end(again);
+  reportRepeatsLocked();
+  last_ = LastLine{level, func, file, line, body, 0, now};
+  return false;
+}
+
+void Log::reportRepeatsLocked() {
+  if (!last_ || last_->repeats == 0) return;
+  const std::string summary = strFormat("last message repeated %u times", last_->repeats);
+  last_->repeats = 0;
+  emitLocked(last_->level, last_->func, last_->file, last_->line, summary);
+}
+
+void Log::emitLocked(int level, const char* func, const char* file, int line, const std::string& body) {
+  std::string text = formatPrefix(level, func, file, line);
+  text += body;
+  text += '\n';
+  if (FILE* dev = logDevice()) {
+    fputs(text.c_str(), dev);
+    fflush(dev);
+  }
   if (liveLogLevel() >= level) {
-    // The live copy is cut at 1023 characters, the stack buffer's capacity.
-    char liveBuf[kLiveLineMax + 1];
-    formatLine(liveBuf, sizeof liveBuf, level, func, file, line, fmt, live);
-    insertIntoLiveLog(liveBuf, timeInMillis());
+    // The live copy is cut at 1023 characters, newline included.
+    if (text.size() > kLiveLineMax) {
+      text.resize(kLiveLineMax - 1);
+      text += '\n';
+    }
+    insertIntoLiveLog(text.c_str(), timeInMillis());
   }
-  va_end(live);
 }
 
 void Log::insertIntoLiveLog(const char* msg, unsigned long now) {

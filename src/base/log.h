@@ -1,9 +1,16 @@
 // Process-wide log: a leveled line log to stdout or a file, plus the live log,
 // a 100-entry ring of the same lines kept for the web service.
 //
-// Thread safety: every thread logs. Each line is written with one fprintf (stdio's
-// stream lock keeps it whole); levels are atomics; the live ring has its own short
-// mutex that is held only to copy one line in or out.
+// Every line is flushed as it is written, so a service manager's journal or a `tail -f`
+// sees it at once. A run of identical lines (same level, place and text) is written
+// once; the repeats are counted and reported by one summary line "last message repeated
+// N times" when a different line comes, when the log device changes, or at the first
+// repeat or flushLog() after kRepeatSummaryMs: a flood of bad datagrams or unknown ids
+// cannot fill the disk.
+//
+// Thread safety: every thread logs. writeMutex_ serialises formatting decisions and
+// output (it is held for one fputs + fflush); levels are atomics; the live ring has its
+// own short mutex, taken inside writeMutex_ and held only to copy one line in or out.
 #pragma once
 
 #include <atomic>
@@ -12,6 +19,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +49,7 @@ class Log {
   static constexpr int kLiveLogSize = 100;
   static constexpr int kLiveLogReadMax = 25;
   static constexpr std::size_t kLiveLineMax = 1023;
+  static constexpr uint64_t kRepeatSummaryMs = 5000;
 
   static Log& instance();
 
@@ -53,10 +62,20 @@ class Log {
   std::atomic<int>& logLevelRef() { return logLevel_; }
 
   // The device is not owned; the caller keeps it open until it sets another one.
+  // Pending repeats are reported to the old device first.
   void setLogDevice(FILE* dev);
   FILE* logDevice() const { return logdev_.load(std::memory_order_acquire); }
+  // -f: appends to `path` from now on. False when it cannot be opened (logging stays
+  // where it was, with an ERROR line there).
+  bool openLogFile(const std::string& path);
+  // Back to standard output; closes a file opened by openLogFile.
+  void closeLogFile();
   void setLiveLogFilter(const char* filter);  // null = no filter
+  // Reports pending repeats once kRepeatSummaryMs have passed, then flushes the device.
   void flushLog();
+  // The same with an explicit time on the steady millisecond clock (tests).
+  void flushRepeats(uint64_t nowMs);
+  static uint64_t steadyMillis();
 
   // Writes one line (prefix, message, newline). Called by the LOG macro once the
   // main level test has passed.
@@ -71,10 +90,29 @@ class Log {
   void resetLiveLog();
 
  private:
+  // The last line written, kept to recognise its repeats.
+  struct LastLine {
+    int level = 0;
+    const char* func = "";
+    const char* file = "";
+    int line = 0;
+    std::string body;
+    unsigned repeats = 0;   // suppressed since the last report
+    uint64_t since = 0;     // steady ms of the last report (or of the line)
+  };
+
   Log() = default;
+  // True when the line repeats the last one and was only counted. writeMutex_ held.
+  bool countRepeat(int level, const char* func, const char* file, int line, const std::string& body, uint64_t now);
+  void emitLocked(int level, const char* func, const char* file, int line, const std::string& body);
+  void reportRepeatsLocked();
+
   std::atomic<int> logLevel_{LEVEL_DEBUG};
   std::atomic<int> liveLogLevel_{LEVEL_NONE};
   std::atomic<FILE*> logdev_{stdout};
+
+  std::mutex writeMutex_;  // guards last_, the owned log file and the order of lines
+  std::optional<LastLine> last_;
 
   mutable std::mutex liveMutex_;  // guards everything below
   std::string liveLogFilter_;

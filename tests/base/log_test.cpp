@@ -118,4 +118,61 @@ TEST_F(LiveLogTest, ConcurrentWritersAndReadersKeepSequenceOrder) {
   EXPECT_LE(since, 2000);
 }
 
+// A flood of one line (bad datagrams, unknown ids) is written once, then summed up.
+TEST(Log, RepeatedLinesAreCollapsedIntoOneWithACount) {
+  test::LogCapture cap(LEVEL_DEBUG);
+  auto flood = [](int n) {
+    for (int i = 0; i < n; ++i) LOG(LEVEL_WARN, "unknown id %d", 7);
+  };
+  flood(500);
+  LOG(LEVEL_WARN, "unknown id %d", 8);
+  flood(1);
+  LOG(LEVEL_INFO, "quiet again");
+  const std::string text = cap.text();
+  auto count = [&](const std::string& needle) {
+    std::size_t n = 0;
+    for (std::size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("unknown id 7\n"), 2u) << text;
+  EXPECT_EQ(count("last message repeated 499 times\n"), 1u) << text;
+  EXPECT_EQ(count("repeated"), 1u) << text;  // a single repeat-free line gets no summary
+  EXPECT_LT(text.find("repeated 499"), text.find("unknown id 8"));
+  // The summary carries the repeated line's level and place.
+  std::regex summary(R"(WARN .*\[log_test\.cpp:\d+\] last message repeated 499 times)");
+  EXPECT_TRUE(std::regex_search(text, summary)) << text;
+}
+
+TEST(Log, AnEndlessFloodIsSummedUpEveryFewSeconds) {
+  test::LogCapture cap(LEVEL_DEBUG);
+  auto datagram = [] { LOG(LEVEL_WARN, "bad datagram"); };  // one place: one line
+  for (int i = 0; i < 3; ++i) datagram();
+  EXPECT_EQ(cap.text().find("repeated"), std::string::npos);
+  Log::instance().flushRepeats(Log::steadyMillis() + Log::kRepeatSummaryMs);
+  EXPECT_NE(cap.text().find("last message repeated 2 times\n"), std::string::npos) << cap.text();
+  // The flood goes on: still no new copy of the line, the count starts again.
+  datagram();
+  Log::instance().flushRepeats(Log::steadyMillis() + 2 * Log::kRepeatSummaryMs);
+  const std::string text = cap.text();
+  EXPECT_EQ(text.find("bad datagram"), text.rfind("bad datagram")) << text;
+  EXPECT_NE(text.find("last message repeated 1 times\n"), std::string::npos) << text;
+}
+
+// A service manager reads the log through a pipe: every line must be there at once,
+// not when a stdio buffer fills.
+TEST(Log, EveryLineReachesTheFileAtOnce) {
+  test::TempDir dir;
+  const std::string path = (dir / "korvo.log").string();
+  const int level = Log::instance().logLevel();
+  FILE* previous = Log::instance().logDevice();
+  ASSERT_TRUE(Log::instance().openLogFile(path));
+  LOG(LEVEL_ERROR, "first line");
+  EXPECT_NE(test::readFile(path).find("first line\n"), std::string::npos);
+  Log::instance().closeLogFile();
+  EXPECT_EQ(Log::instance().logDevice(), stdout);
+  Log::instance().setLogDevice(previous);
+  Log::instance().setLogLevel(level);
+  EXPECT_FALSE(Log::instance().openLogFile((dir / "missing" / "x.log").string()));
+}
+
 }  // namespace
