@@ -26,7 +26,7 @@ class MainLoop {
   void setExitCode(int code) { exitCode_.store(code, std::memory_order_relaxed); }
   unsigned long stopAt() const { return stopAt_.load(std::memory_order_relaxed); }
 
-  // Step 1 of an iteration: clears keepRunning once the stop time has passed (the
+  // First thing in an iteration: clears keepRunning once the stop time has passed (the
   // current iteration still completes).
   void checkStopTime(unsigned long now);
   // Sleeps to the next whole millisecond of the microsecond clock (1..1000 us), so

@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <optional>
 
 #include "base/log.h"
 
@@ -49,6 +50,65 @@ void usage(FILE* err, const char* argv0, bool extended) {
   fprintf(err, "\nversion: %s.\n", kVersion);
 }
 
+namespace {
+
+// Takes one option into `opt` and `s`; a result when the option ends the program.
+std::optional<ParseResult> applyOption(int c, char** argv, Options& opt, Settings& s, FILE* out, FILE* err) {
+  switch (c) {
+    case 'w':
+      s.protocol = getProtocolFromString(optarg);
+      LOG(LEVEL_INFO, "protocol set to %s", optarg);
+      break;
+    case 'l': {
+      int level = 0;
+      if (sscanf(optarg, "%d", &level) == 1) setLogLevel(level);
+      break;
+    }
+    case 'f':
+      // From here on: what the options after -f log belongs in the file too.
+      opt.logFileName = optarg;
+      Log::instance().openLogFile(opt.logFileName);
+      break;
+    case 'A':
+      LOG(LEVEL_DEBUG, "setting AUDIODEV to '%s'", optarg);
+      opt.audioDev = optarg;
+      setenv("AUDIODEV", optarg, 1);
+      break;
+    case 'F': s.frequency = atoi(optarg); break;
+    case 'C': s.channels = atoi(optarg); break;
+    case 'm': s.samplePoolSizeInByte = static_cast<unsigned long>(atoi(optarg)) << 20; break;
+    case 'p': s.preloadThreshold = 1; break;
+    case 'N': opt.httpPort = atoi(optarg); break;
+    case 'H': opt.enableHttpService = 1; break;
+    case 'X': opt.dspXmlFile = optarg; break;
+    case 'P': opt.playbackFile = optarg; break;
+    case 'R': opt.recordFile = optarg; break;
+    case 'T': opt.csvFile = optarg; break;
+    case 'K': opt.xsndFile = optarg; break;
+    case 's': opt.stripPaths = 1; break;
+    case 'I': opt.testIOonly = 1; break;
+    case 'J': opt.copyLocalConfig = 1; break;
+    case 'a': opt.enableAudio = 0; break;
+    case 'd': opt.enableDebug = 1; break;
+    case 'h': ++opt.helpCount; break;
+    case 'v':
+      fprintf(out, "%s\n\rversion: %s\n", argv[0], kVersion);
+      return ParseResult{true, 1};
+    case 'c':
+      return ParseResult{true, 1};
+    case '?':
+    default:
+      if (isprint(optopt))
+        fprintf(err, "Unknown option `-%c'.\n", optopt);
+      else
+        fprintf(err, "Unknown option character `\\x%x'.\n", static_cast<unsigned>(optopt));
+      return ParseResult{true, 1};
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
 ParseResult parseOptions(int argc, char** argv, Options& opt, Settings& s, FILE* out, FILE* err) {
   if (argc <= 1) {
     usage(err, argc > 0 ? argv[0] : "korvo", false);
@@ -57,54 +117,8 @@ ParseResult parseOptions(int argc, char** argv, Options& opt, Settings& s, FILE*
   opterr = 0;  // bad options get our own messages
   optind = 0;  // glibc: 0 re-initialises getopt fully (parsing may run more than once)
   int c;
-  while ((c = getopt(argc, argv, "w:l:f:A:F:C:m:pN:HX:P:R:T:K:sIJadhvc:")) != -1) {
-    switch (c) {
-      case 'w':
-        s.protocol = getProtocolFromString(optarg);
-        LOG(LEVEL_INFO, "protocol set to %s", optarg);
-        break;
-      case 'l': {
-        int level = 0;
-        if (sscanf(optarg, "%d", &level) == 1) setLogLevel(level);
-        break;
-      }
-      case 'f': opt.logFileName = optarg; break;
-      case 'A':
-        LOG(LEVEL_DEBUG, "setting AUDIODEV to '%s'", optarg);
-        opt.audioDev = optarg;
-        setenv("AUDIODEV", optarg, 1);
-        break;
-      case 'F': s.frequency = atoi(optarg); break;
-      case 'C': s.channels = atoi(optarg); break;
-      case 'm': s.samplePoolSizeInByte = static_cast<unsigned long>(atoi(optarg)) << 20; break;
-      case 'p': s.preloadThreshold = 1; break;
-      case 'N': opt.httpPort = atoi(optarg); break;
-      case 'H': opt.enableHttpService = 1; break;
-      case 'X': opt.dspXmlFile = optarg; break;
-      case 'P': opt.playbackFile = optarg; break;
-      case 'R': opt.recordFile = optarg; break;
-      case 'T': opt.csvFile = optarg; break;
-      case 'K': opt.xsndFile = optarg; break;
-      case 's': opt.stripPaths = 1; break;
-      case 'I': opt.testIOonly = 1; break;
-      case 'J': opt.copyLocalConfig = 1; break;
-      case 'a': opt.enableAudio = 0; break;
-      case 'd': opt.enableDebug = 1; break;
-      case 'h': ++opt.helpCount; break;
-      case 'v':
-        fprintf(out, "%s\n\rversion: %s\n", argv[0], kVersion);
-        return {true, 1};
-      case 'c':
-        return {true, 1};
-      case '?':
-      default:
-        if (isprint(optopt))
-          fprintf(err, "Unknown option `-%c'.\n", optopt);
-        else
-          fprintf(err, "Unknown option character `\\x%x'.\n", static_cast<unsigned>(optopt));
-        return {true, 1};
-    }
-  }
+  while ((c = getopt(argc, argv, "w:l:f:A:F:C:m:pN:HX:P:R:T:K:sIJadhvc:")) != -1)
+    if (auto done = applyOption(c, argv, opt, s, out, err)) return *done;
   if (opt.helpCount > 0) {
     usage(err, argv[0], opt.helpCount > 1);
     return {true, 1};

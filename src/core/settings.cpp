@@ -1,14 +1,22 @@
 #include "core/settings.h"
 
+#include <strings.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 
 namespace korvo {
+
+namespace {
+constexpr int kFallbackVolume = 64;
+}  // namespace
 
 const char* const protocolNames[kProtocolCount] = {"DATAEAST", "WPC",        "DATAEAST2", "DATAEAST3",  "SYS11",
                                                    "WPCDCS",   "DATAEAST_X", "WHITESTAR", "WHITESTAR_X"};
@@ -137,39 +145,74 @@ int readHexValueFor(const char* line, const SettingsMap& entry, char separator, 
   return valueFor(line, entry, separator, intValue, strValue, "%x");
 }
 
+namespace {
+
+bool isBlankOrComment(const char* line) {
+  const char* p = line + strspn(line, " \t\r\n");
+  return *p == '\0' || *p == '#' || *p == ';';
+}
+
+// The key of a "key = value" line: the text before the separator, blanks trimmed.
+std::string keyOf(const char* line) {
+  std::string key(line, strcspn(line, "="));
+  while (!key.empty() && strchr(" \t\r\n", key.back())) key.pop_back();
+  return key.substr(strspn(key.c_str(), " \t"));
+}
+
+void storeValue(const SettingsMap& e, int iv, const std::string& sv) {
+  switch (e.type) {
+    case STRING:
+      e.setString(sv);
+      LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), sv.c_str());
+      break;
+    case BOOL:
+      e.setInt(iv != 0 ? 1 : 0);
+      LOG(LEVEL_DEBUG, "read value for %s = %d", e.name.c_str(), iv);
+      break;
+    default:
+      e.setInt(iv);
+      LOG(LEVEL_DEBUG, "read value for %s = %d", e.name.c_str(), iv);
+      break;
+  }
+}
+
+// Every entry whose key the line begins with takes its value from it. A line that
+// gives no value although it names a key of the catalogue, or that is no key=value
+// line at all, is reported; unknown keys are left to whoever else reads the file.
+void readConfigLine(const char* line, const SettingsCatalogue& map, const std::string& path, int lineNo) {
+  if (isBlankOrComment(line)) return;
+  bool read = false;
+  for (const SettingsMap& e : map) {
+    if (e.name.empty() || e.type == GROUP || e.type == HEX) continue;
+    int iv = 0;
+    std::string sv;
+    if (!readValueFor(line, e, '=', &iv, &sv)) continue;
+    storeValue(e, iv, sv);
+    read = true;
+  }
+  if (read) return;
+  const std::string key = keyOf(line);
+  const bool known = std::any_of(map.begin(), map.end(), [&](const SettingsMap& e) {
+    return !e.name.empty() && e.type != GROUP && strcasecmp(e.name.c_str(), key.c_str()) == 0;
+  });
+  if (!strchr(line, '=') || known)
+    LOG(LEVEL_WARN, "%s:%d: malformed settings line ignored: %.80s", path.c_str(), lineNo, key.c_str());
+}
+
+}  // namespace
+
 int readConfig(const char* base, const char* name, const SettingsCatalogue& map) {
   std::string path = strFormat("%s/%s", base, name);
   LOG(LEVEL_DEBUG, "reading config from: %s", path.c_str());
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) {
     LOG(LEVEL_WARN, "config %s not found in %s", name, base);
     return 0;
   }
   LOG(LEVEL_DEBUG, "read %s from %s", name, base);
   char line[512];
-  while (fgets(line, sizeof line, f)) {
-    for (const SettingsMap& e : map) {
-      if (e.name.empty() || e.type == GROUP || e.type == HEX) continue;
-      int iv = 0;
-      std::string sv;
-      if (!readValueFor(line, e, '=', &iv, &sv)) continue;
-      switch (e.type) {
-        case STRING:
-          e.setString(sv);
-          LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), sv.c_str());
-          break;
-        case BOOL:
-          e.setInt(iv != 0 ? 1 : 0);
-          LOG(LEVEL_DEBUG, "read value for %s = %d", e.name.c_str(), iv);
-          break;
-        default:
-          e.setInt(iv);
-          LOG(LEVEL_DEBUG, "read value for %s = %d", e.name.c_str(), iv);
-          break;
-      }
-    }
-  }
-  fclose(f);
+  int lineNo = 0;
+  while (fgets(line, sizeof line, f.get())) readConfigLine(line, map, path, ++lineNo);
   return 1;
 }
 
@@ -256,7 +299,11 @@ Configuration::Configuration(Settings& s) : settings_(s) {
 }
 
 void Configuration::readSettings(const char* name) {
+  // Fallbacks for what the file does not give in a readable form: a volume of 0 from an
+  // empty or damaged file would silence the machine.
   ts_ = TransientSettings{};
+  ts_.volume = kFallbackVolume;
+  ts_.soundSet = 1;
   // A bare name is read from the working directory.
   std::string path(name);
   auto slash = path.find_last_of('/');
@@ -268,7 +315,7 @@ void Configuration::readSettings(const char* name) {
     settings_.audioDevice.set(ts_.audioDevice);
   } else {
     LOG(LEVEL_ERROR, "open settings for reading");
-    settings_.volume = 64;
+    settings_.volume = kFallbackVolume;
     settings_.soundSet = 1;
     settings_.audioDevice.set("");
   }

@@ -4,38 +4,34 @@
 #include <cstring>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 
 namespace korvo {
 
 std::string readBoardModel(const std::string& path) {
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) return "unknown";
   char line[256] = {};
   std::string model = "unknown";
   // The device-tree string ends with a NUL rather than a newline.
-  if (fgets(line, sizeof line, f)) {
+  if (fgets(line, sizeof line, f.get())) {
     line[strcspn(line, "\r\n")] = '\0';
     if (line[0]) model = line;
   }
-  fclose(f);
   return model;
 }
 
 unsigned readBoardSerial(const std::string& cpuinfo, const std::string& ethAddress) {
-  if (FILE* f = fopen(cpuinfo.c_str(), "r")) {
+  if (FileHandle f{fopen(cpuinfo.c_str(), "r")}) {
     char line[512];
-    while (fgets(line, sizeof line, f)) {
+    while (fgets(line, sizeof line, f.get())) {
       if (!startsWithMatchCase(line, "Serial")) continue;
       const char* colon = strchr(line, ':');
       unsigned long long v = 0;
-      if (colon && sscanf(colon + 1, "%llx", &v) == 1) {
-        fclose(f);
-        return static_cast<unsigned>(v);
-      }
+      if (colon && sscanf(colon + 1, "%llx", &v) == 1) return static_cast<unsigned>(v);
     }
-    fclose(f);
   }
   std::string mac;
   if (readWholeFile(ethAddress, mac)) {
@@ -52,14 +48,13 @@ void dumpEnvironment(char** envp) {
 }
 
 int dumpFile(const std::string& path) {
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) return 0;
   char line[1024];
-  while (fgets(line, sizeof line, f)) {
+  while (fgets(line, sizeof line, f.get())) {
     line[strcspn(line, "\r\n")] = '\0';
     LOG(LEVEL_DEBUG, "%s", line);
   }
-  fclose(f);
   return 1;
 }
 

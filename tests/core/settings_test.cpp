@@ -111,6 +111,55 @@ TEST_F(SettingsTest, TransientSettingsRoundTripAndFallBackWhenMissing) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
 }
 
+// A damaged or empty va.ini must not give a silent machine: what cannot be read keeps
+// the fallback, and each bad line is named with its file and line number.
+TEST_F(SettingsTest, UnreadableTransientValuesKeepTheFallbackAndAreReported) {
+  const std::string path = (dir / "va.ini").string();
+  struct Case {
+    const char* content;
+    int volume;
+    int soundSet;
+    const char* warning;  // null: none expected
+  };
+  const Case cases[] = {
+      {"volume=loud\nsound_set=3\n", 64, 3, "va.ini:1: malformed settings line ignored: volume"},
+      {"", 64, 1, nullptr},
+      {"sound_set=2\n\n# note\nvolume\n", 64, 2, "va.ini:4: malformed settings line ignored: volume"},
+      {"Volume = 80\nsound_set=x\n", 80, 1, "va.ini:2: malformed settings line ignored: sound_set"},
+      {"volume=0\n", 0, 1, nullptr},  // a stored zero is a choice, not a damage
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.content);
+    test::writeFile(path, c.content);
+    Settings t;
+    initSettings(&t);
+    Configuration cfg(t);
+    test::LogCapture cap;
+    cfg.readSettings(path.c_str());
+    EXPECT_EQ(t.volume, c.volume);
+    EXPECT_EQ(t.soundSet, c.soundSet);
+    if (c.warning)
+      EXPECT_TRUE(cap.contains("WARN") && cap.contains(c.warning)) << cap.text();
+    else
+      EXPECT_FALSE(cap.contains("malformed")) << cap.text();
+  }
+}
+
+TEST_F(SettingsTest, MalformedMasterConfigLinesAreReportedAndTheRestIsRead) {
+  test::writeFile(dir / "mellosound.ini", "say_version=0\njust some words\nshaker_enabled=on\nunknown_key=1\n"
+                                          "preload_threshold=5\nsay_mode=0\n");
+  Configuration cfg(s);
+  test::LogCapture cap;
+  cfg.readMasterConfig(dir.str().c_str(), false);
+  EXPECT_EQ(s.sayVersion, 0);
+  EXPECT_EQ(s.sayMode, 0);
+  EXPECT_TRUE(cap.contains("mellosound.ini:2: malformed settings line ignored")) << cap.text();
+  EXPECT_TRUE(cap.contains("mellosound.ini:3: malformed settings line ignored: shaker_enabled")) << cap.text();
+  // Keys of other readers and prefix look-alikes ("preload" in "preload_threshold") are no fault.
+  EXPECT_FALSE(cap.contains(":4: malformed")) << cap.text();
+  EXPECT_FALSE(cap.contains(":5: malformed")) << cap.text();
+}
+
 TEST_F(SettingsTest, MasterConfigOverridesOptionsWithVendorAndStopCommandRules) {
   Configuration cfg(s);
   s.protocol = WPC;  // as if -w WPC was given
