@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "base/log.h"
+#include "base/thread.h"
 
 namespace korvo {
 
@@ -25,41 +26,38 @@ bool EventService::start(int port, const std::string& bindAddress) {
     LOG(LEVEL_ERROR, "event service: invalid address %s:%d", bindAddress.c_str(), port);
     return false;
   }
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
+  Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd) {
     LOG(LEVEL_ERROR, "event service: socket() failed: %s", std::strerror(errno));
     return false;
   }
-  if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+  if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
     LOG(LEVEL_ERROR, "event service: cannot bind %s:%d: %s", bindAddress.c_str(), port, std::strerror(errno));
-    ::close(fd);
     return false;
   }
   socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake < 0) {
+  getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &len);
+  Fd wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake) {
     LOG(LEVEL_ERROR, "event service: eventfd() failed: %s", std::strerror(errno));
-    ::close(fd);
     return false;
   }
-  fd_ = fd;
-  wakeFd_ = wake;
+  fd_ = std::move(fd);
+  wakeFd_ = std::move(wake);
   port_ = ntohs(addr.sin_port);
   LOG(LEVEL_INFO, "event service listening on udp %s:%d", bindAddress.c_str(), port_);
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread("EventSrv", [this] { run(); });
   return true;
 }
 
 void EventService::stop() {
   if (thread_.joinable()) {
     const uint64_t one = 1;
-    if (::write(wakeFd_, &one, sizeof one) < 0) LOG(LEVEL_ERROR, "event service: wake-up failed");
+    if (::write(wakeFd_.get(), &one, sizeof one) < 0) LOG(LEVEL_ERROR, "event service: wake-up failed");
     thread_.join();
   }
-  if (fd_ >= 0) ::close(fd_);
-  if (wakeFd_ >= 0) ::close(wakeFd_);
-  fd_ = wakeFd_ = -1;
+  fd_.reset();
+  wakeFd_.reset();
 }
 
 void EventService::addEventHandler(Handler fn) {
@@ -69,11 +67,10 @@ void EventService::addEventHandler(Handler fn) {
 }
 
 void EventService::run() {
-  setThreadName("EventSrv");
   // One byte more than the limit: recv reports the full length with MSG_TRUNC.
   char buf[kMaxDatagram + 1];
   for (;;) {
-    pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    pollfd fds[2] = {{fd_.get(), POLLIN, 0}, {wakeFd_.get(), POLLIN, 0}};
     const int n = ::poll(fds, 2, -1);
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -82,7 +79,7 @@ void EventService::run() {
     }
     if (fds[1].revents) return;
     if (!(fds[0].revents & POLLIN)) continue;
-    const ssize_t len = ::recv(fd_, buf, sizeof buf, MSG_TRUNC | MSG_DONTWAIT);
+    const ssize_t len = ::recv(fd_.get(), buf, sizeof buf, MSG_TRUNC | MSG_DONTWAIT);
     if (len < 0) {
       if (errno != EAGAIN && errno != EINTR) LOG(LEVEL_ERROR, "event service: recv failed: %s", std::strerror(errno));
       continue;

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/handles.h"
+
 namespace korvo {
 
 class EventService {
@@ -44,8 +46,8 @@ class EventService {
   void run();
   void handleDatagram(const char* data, std::size_t len, bool truncated);
 
-  int fd_ = -1;
-  int wakeFd_ = -1;  // eventfd: stop() writes it to end the poll
+  Fd fd_;
+  Fd wakeFd_;  // eventfd: stop() writes it to end the poll
   int port_ = 0;
   std::thread thread_;
   std::mutex handlersMutex_;  // guards handlers_

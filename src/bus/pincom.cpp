@@ -47,79 +47,89 @@ void Pincom::initGpio() {
     addressPins_ = remapForI2S(addressPins_);
   }
   LOG(LEVEL_INFO, "setting up GPIO for %s", protocolName(p));
-  const AddressPinRow& row = addressPins_[p];
-
   switch (strobeKindOf(p)) {
     case StrobeKind::DataEast:
-    case StrobeKind::Whitestar: {
-      const TriggerPinRow& t = triggerPins[p];
-      gpio_.pinMode(t.soundAck, OUTPUT);
-      gpio_.digitalWrite(t.soundAck, HIGH);
-      gpio_.pinMode(t.musicAck, OUTPUT);
-      gpio_.digitalWrite(t.musicAck, LOW);
-      for (int i = 7; i >= 0; --i) {
-        gpio_.pinMode(row[i], INPUT);
-        gpio_.pullUpDnControl(row[i], PUD_OFF);
-      }
-      gpio_.pinMode(t.strobe, INPUT);
-      gpio_.pullUpDnControl(t.strobe, PUD_OFF);
-      const int edge = edgeForDataEastWhiteStar[p];
-      const bool dataEast = strobeKindOf(p) == StrobeKind::DataEast;
-      if (!dataEast) LOG(LEVEL_DEBUG, "setting int edge of pin %d to %s", t.strobe, edgeName(edge));
-      const int rc = gpio_.wiringPiISR(t.strobe, edge, [this, dataEast] {
-        onStrobe(dataEast ? "isr de" : "isr ws");
-      });
-      if (rc < 0)
-        LOG(LEVEL_ERROR, "could not install the interrupt on pin %d", t.strobe);
-      else
-        isrInstalled_ = true;
+    case StrobeKind::Whitestar:
+      setUpAcknowledgedBus(p);
       break;
-    }
-    case StrobeKind::Wpc: {
-      gpio_.pinMode(kPin10, INPUT);
-      gpio_.pullUpDnControl(kPin10, PUD_OFF);
-      gpio_.pinMode(kWpcStrobePin, INPUT);
-      gpio_.pullUpDnControl(kWpcStrobePin, PUD_OFF);
-      for (int i = 7; i >= 0; --i) {
-        gpio_.pinMode(row[i], INPUT);
-        gpio_.pullUpDnControl(row[i], PUD_OFF);
-      }
-      {
-        std::lock_guard lock(cmdMutex_);
-        cmdLen_ = 2;
-      }
-      const int rc = gpio_.wiringPiISR(kWpcStrobePin, INT_EDGE_FALLING, [this] { onStrobe("isr wpc"); });
-      if (rc < 0)
-        LOG(LEVEL_ERROR, "could not install the interrupt on pin %d", kWpcStrobePin);
-      else
-        isrInstalled_ = true;
+    case StrobeKind::Wpc:
+      setUpWpcBus(p);
       break;
-    }
     case StrobeKind::None:
       LOG(LEVEL_WARN, "sys 11 not supported until now.");
       break;
   }
+  setUpPin10(p);
+  if (settings_.shakerEnabled) shaker_.setup();
+  gpioInitDone_.store(true);
+}
 
+void Pincom::setUpDataInputs(int protocol) {
+  const AddressPinRow& row = addressPins_[protocol];
+  for (int i = 7; i >= 0; --i) {
+    gpio_.pinMode(row[i], INPUT);
+    gpio_.pullUpDnControl(row[i], PUD_OFF);
+  }
+}
+
+void Pincom::installStrobe(int pin, int edge, const char* threadName) {
+  const int rc = gpio_.wiringPiISR(pin, edge, [this, threadName] { onStrobe(threadName); });
+  if (rc < 0)
+    LOG(LEVEL_ERROR, "could not install the interrupt on pin %d", pin);
+  else
+    isrInstalled_ = true;
+}
+
+void Pincom::setUpAcknowledgedBus(int p) {
+  const TriggerPinRow& t = triggerPins[p];
+  gpio_.pinMode(t.soundAck, OUTPUT);
+  gpio_.digitalWrite(t.soundAck, HIGH);
+  gpio_.pinMode(t.musicAck, OUTPUT);
+  gpio_.digitalWrite(t.musicAck, LOW);
+  setUpDataInputs(p);
+  gpio_.pinMode(t.strobe, INPUT);
+  gpio_.pullUpDnControl(t.strobe, PUD_OFF);
+  const int edge = edgeForDataEastWhiteStar[p];
+  const bool dataEast = strobeKindOf(p) == StrobeKind::DataEast;
+  if (!dataEast) LOG(LEVEL_DEBUG, "setting int edge of pin %d to %s", t.strobe, edgeName(edge));
+  installStrobe(t.strobe, edge, dataEast ? "isr de" : "isr ws");
+}
+
+void Pincom::setUpWpcBus(int p) {
+  gpio_.pinMode(kPin10, INPUT);
+  gpio_.pullUpDnControl(kPin10, PUD_OFF);
+  gpio_.pinMode(kWpcStrobePin, INPUT);
+  gpio_.pullUpDnControl(kWpcStrobePin, PUD_OFF);
+  setUpDataInputs(p);
+  {
+    std::lock_guard lock(cmdMutex_);
+    cmdLen_ = 2;
+  }
+  installStrobe(kWpcStrobePin, INT_EDGE_FALLING, "isr wpc");
+}
+
+void Pincom::setUpPin10(int p) {
   // Pin 10 carries data bit 4 on the DATAEAST3 wiring: driving it there would fight the
   // machine's line and read that bit as 0, so it stays an input.
   bool pin10IsData = false;
-  for (int pin : row) pin10IsData = pin10IsData || pin == kPin10;
+  for (int pin : addressPins_[p]) pin10IsData = pin10IsData || pin == kPin10;
   if (pin10IsData) {
     LOG(LEVEL_DEBUG, "pin %d is a data pin of %s, left as input", kPin10, protocolName(p));
   } else {
     gpio_.pinMode(kPin10, OUTPUT);
     gpio_.digitalWrite(kPin10, LOW);
   }
-
-  if (settings_.shakerEnabled) shaker_.setup();
-  gpioInitDone_.store(true);
 }
 
-unsigned Pincom::readSoundAddress() {
-  const AddressPinRow& row = addressPins_[protocol_.load(std::memory_order_relaxed)];
+unsigned Pincom::readSoundAddress(std::optional<uint8_t> replayed) {
   unsigned b = 0;
-  for (int i = 0; i < 8; ++i)
-    if (gpio_.digitalRead(row[i])) b |= 1u << i;
+  if (replayed) {
+    b = *replayed;
+  } else {
+    const AddressPinRow& row = addressPins_[protocol_.load(std::memory_order_relaxed)];
+    for (int i = 0; i < 8; ++i)
+      if (gpio_.digitalRead(row[i])) b |= 1u << i;
+  }
   bytesRead_.fetch_add(1, std::memory_order_relaxed);
   if (SessionRecorder* r = recorder_.load(std::memory_order_acquire)) r->recordByte(static_cast<uint8_t>(b));
   return b;
@@ -187,7 +197,7 @@ void Pincom::triggerInterrupt(std::optional<uint8_t> byte) {
 }
 
 uint8_t Pincom::fetchByte(std::optional<uint8_t> byte) {
-  return byte ? *byte : static_cast<uint8_t>(readSoundAddress());
+  return static_cast<uint8_t>(readSoundAddress(byte));
 }
 
 void Pincom::deliver(const Delivery& d) {
@@ -260,8 +270,7 @@ void Pincom::wdenInterrupt(std::optional<uint8_t> byte) {
   Delivery d;
   {
     std::lock_guard lock(cmdMutex_);
-    const int p = protocol_.load(std::memory_order_relaxed);
-    const bool dcs = p == WPCDCS;
+    const bool dcs = protocol_.load(std::memory_order_relaxed) == WPCDCS;
     const unsigned long now = millis();
     const unsigned timeout = dcs ? kWpcDcsTimeoutMs : kWpcTimeoutMs;
     if (now - lastWpcByte_ > timeout && cmdCount_ > 0) {
@@ -270,58 +279,73 @@ void Pincom::wdenInterrupt(std::optional<uint8_t> byte) {
     }
     lastWpcByte_ = now;
     const uint8_t b = fetchByte(byte);
-
-    if (dcs && b == 0 && cmdCount_ == 1 && cmd_[0] == 0) {
-      // 0x00 0x00: reported at once as command 0.
-      logByte("wpc", b);
-      clearCmdLocked();
-      lastCmdWasZero_ = true;
-      d.kind = Delivery::Wpc;
-      std::copy(cmd_, cmd_ + 4, d.cmd);
-      d.value = 0;
-    } else {
-      cmd_[cmdCount_++] = b;
-      bool dropped = false;
-      if (!dcs) {
-        if (cmdCount_ == 1) {
-          if (b == 0x79)
-            cmdLen_ = 3;
-          else if (b == 0x7A || (b >= 0x61 && b <= 0x6F))
-            cmdLen_ = 2;
-          else
-            cmdLen_ = 1;
-        }
-      } else {
-        if (cmdLen_ == 0) cmdLen_ = 2;
-        if (cmdCount_ == 1 && b == 0x55) cmdLen_ = 4;
-        if (cmdCount_ == 2 && b == 0x55 && lastCmdWasZero_) {
-          // 0x00 0x00 0x00 0x55 ...: the volume command starts after the zero command.
-          cmd_[0] = 0x55;
-          cmd_[1] = 0;
-          cmdCount_ = 1;
-          cmdLen_ = 4;
-        }
-        if (cmdCount_ == 1 && cmdLen_ == 2 && cmd_[0] > 4) {
-          clearCmdLocked();
-          dropped = true;
-        }
-      }
-      if (!dropped) {
-        logByte("wpc", b);
-        ++count_;
-        if (cmdCount_ == cmdLen_) {
-          lastCmdWasZero_ = false;
-          d.kind = Delivery::Wpc;
-          std::copy(cmd_, cmd_ + 4, d.cmd);
-          d.value = cmdLen_ == 2 ? cmd_[0] * 256u + cmd_[1] : cmd_[0];
-          clearCmdLocked();
-        } else if (cmdCount_ >= 4) {
-          clearCmdLocked();
-        }
-      }
-    }
+    if (dcs && b == 0 && cmdCount_ == 1 && cmd_[0] == 0)
+      d = dcsZeroCommandLocked(b);
+    else
+      d = addWpcByteLocked(b, dcs);
   }
   deliver(d);
+}
+
+Pincom::Delivery Pincom::dcsZeroCommandLocked(uint8_t b) {
+  // 0x00 0x00: reported at once as command 0.
+  logByte("wpc", b);
+  clearCmdLocked();
+  lastCmdWasZero_ = true;
+  Delivery d;
+  d.kind = Delivery::Wpc;
+  std::copy(cmd_, cmd_ + 4, d.cmd);
+  d.value = 0;
+  return d;
+}
+
+void Pincom::wpcLengthLocked(uint8_t b) {
+  if (cmdCount_ != 1) return;
+  if (b == 0x79)
+    cmdLen_ = 3;
+  else if (b == 0x7A || (b >= 0x61 && b <= 0x6F))
+    cmdLen_ = 2;
+  else
+    cmdLen_ = 1;
+}
+
+bool Pincom::dcsRulesLocked(uint8_t b) {
+  if (cmdLen_ == 0) cmdLen_ = 2;
+  if (cmdCount_ == 1 && b == 0x55) cmdLen_ = 4;
+  if (cmdCount_ == 2 && b == 0x55 && lastCmdWasZero_) {
+    // 0x00 0x00 0x00 0x55 ...: the volume command starts after the zero command.
+    cmd_[0] = 0x55;
+    cmd_[1] = 0;
+    cmdCount_ = 1;
+    cmdLen_ = 4;
+  }
+  if (cmdCount_ == 1 && cmdLen_ == 2 && cmd_[0] > 4) {
+    clearCmdLocked();
+    return false;
+  }
+  return true;
+}
+
+Pincom::Delivery Pincom::addWpcByteLocked(uint8_t b, bool dcs) {
+  Delivery d;
+  cmd_[cmdCount_++] = b;
+  if (dcs) {
+    if (!dcsRulesLocked(b)) return d;
+  } else {
+    wpcLengthLocked(b);
+  }
+  logByte("wpc", b);
+  ++count_;
+  if (cmdCount_ == cmdLen_) {
+    lastCmdWasZero_ = false;
+    d.kind = Delivery::Wpc;
+    std::copy(cmd_, cmd_ + 4, d.cmd);
+    d.value = cmdLen_ == 2 ? cmd_[0] * 256u + cmd_[1] : cmd_[0];
+    clearCmdLocked();
+  } else if (cmdCount_ >= 4) {
+    clearCmdLocked();
+  }
+  return d;
 }
 
 }  // namespace korvo

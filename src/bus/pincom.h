@@ -73,8 +73,9 @@ class Pincom {
   // The data-pin table in force (after the I2S remap).
   const AddressPinTable& addressPins() const { return addressPins_; }
 
-  // The byte on the protocol's data pins; appended to a running recording.
-  unsigned readSoundAddress();
+  // The byte on the protocol's data pins, or during a replay the replayed byte: either
+  // is counted and appended to a running recording.
+  unsigned readSoundAddress(std::optional<uint8_t> replayed = std::nullopt);
   int readSTB();
   void ackSound();
   void ackMusic();
@@ -103,11 +104,24 @@ class Pincom {
     unsigned value = 0;
   };
 
+  // initGpio's parts: the Data East / Whitestar wiring with acknowledge lines, the WPC
+  // wiring, and pin 10 (a driven low output unless it is a data line).
+  void setUpAcknowledgedBus(int protocol);
+  void setUpWpcBus(int protocol);
+  void setUpDataInputs(int protocol);
+  void setUpPin10(int protocol);
+  void installStrobe(int pin, int edge, const char* threadName);
+
   void onStrobe(const char* threadName);
   void stbInterrupt(std::optional<uint8_t> byte);
   void whitestarInterrupt(std::optional<uint8_t> byte);
   void wdenInterrupt(std::optional<uint8_t> byte);
   uint8_t fetchByte(std::optional<uint8_t> byte);
+  // WPC assembly steps, cmdMutex_ held. dcsRulesLocked is false when the byte was dropped.
+  Delivery dcsZeroCommandLocked(uint8_t b);
+  Delivery addWpcByteLocked(uint8_t b, bool dcs);
+  void wpcLengthLocked(uint8_t b);
+  bool dcsRulesLocked(uint8_t b);
   void clearCmdLocked();
   void deliver(const Delivery& d);
   void logByte(const char* prefix, uint8_t b);

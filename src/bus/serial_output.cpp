@@ -50,7 +50,7 @@ void SerialOutput::close() {
 
 bool SerialOutput::isOpen() const {
   std::lock_guard lock(mutex_);
-  return fd_ >= 0;
+  return static_cast<bool>(fd_);
 }
 
 bool SerialOutput::openLocked() {
@@ -63,11 +63,21 @@ bool SerialOutput::openLocked() {
   }
   // O_NOCTTY: the device must never become our controlling terminal; O_NONBLOCK: a
   // missing carrier must not block the open.
-  const int fd = ::open(device_.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
+  Fd fd(::open(device_.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) {
     LOG(LEVEL_ERROR, "open serial device %s failed: %s", device_.c_str(), std::strerror(errno));
     return false;
   }
+  configureLine(fd.get());
+  // Writes block (bounded by the line speed) so a line is never cut in the middle.
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (flags >= 0) fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
+  fd_ = std::move(fd);
+  LOG(LEVEL_INFO, "serial output on %s at %d baud", device_.c_str(), baud_);
+  return true;
+}
+
+void SerialOutput::configureLine(int fd) {
   termios tio{};
   if (tcgetattr(fd, &tio) == 0) {
     cfmakeraw(&tio);
@@ -84,22 +94,13 @@ bool SerialOutput::openLocked() {
     // Not a terminal (a file or pipe used for tests): plain writes still work.
     LOG(LEVEL_DEBUG, "serial device %s is not a terminal", device_.c_str());
   }
-  // Writes block (bounded by the line speed) so a line is never cut in the middle.
-  const int flags = fcntl(fd, F_GETFL);
-  if (flags >= 0) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-  fd_ = fd;
-  LOG(LEVEL_INFO, "serial output on %s at %d baud", device_.c_str(), baud_);
-  return true;
 }
 
-void SerialOutput::closeLocked() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
-}
+void SerialOutput::closeLocked() { fd_.reset(); }
 
 bool SerialOutput::serialSend(std::string_view text) {
   std::lock_guard lock(mutex_);
-  if (fd_ < 0) {
+  if (!fd_) {
     if (attempted_ && millis() - lastAttempt_ < kReopenIntervalMs) {
       LOG(LEVEL_ERROR, "serial device %s not open, dropping '%.*s'", device_.c_str(),
           static_cast<int>(text.size()), text.data());
@@ -111,7 +112,7 @@ bool SerialOutput::serialSend(std::string_view text) {
   line += '\n';
   std::size_t done = 0;
   while (done < line.size()) {
-    const ssize_t n = ::write(fd_, line.data() + done, line.size() - done);
+    const ssize_t n = ::write(fd_.get(), line.data() + done, line.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       LOG(LEVEL_ERROR, "writing to serial device %s failed: %s", device_.c_str(),

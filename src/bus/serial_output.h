@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/handles.h"
+
 namespace korvo {
 
 class SerialOutput {
@@ -32,11 +34,13 @@ class SerialOutput {
  private:
   bool openLocked();
   void closeLocked();
+  // Raw 8N1 at baud_ on a terminal; anything else (a file, a pipe) is left as it is.
+  void configureLine(int fd);
 
   const std::string device_;
   const int baud_;
   mutable std::mutex mutex_;  // guards fd_ and lastAttempt_
-  int fd_ = -1;
+  Fd fd_;
   unsigned long lastAttempt_ = 0;
   bool attempted_ = false;
 };

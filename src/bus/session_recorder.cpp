@@ -57,16 +57,17 @@ SessionRecorder::~SessionRecorder() {
 
 bool SessionRecorder::startRecording(const std::string& path) {
   stopRecording();
-  FILE* f = std::fopen(path.c_str(), "w");
+  FileHandle f(std::fopen(path.c_str(), "w"));
   if (!f) {
     LOG(LEVEL_ERROR, "cannot create recording file '%s': %s", path.c_str(), std::strerror(errno));
     return false;
   }
-  std::fprintf(f, "%s%s\n", kHeaderPrefix, protocolName(pincom_.protocol()));
-  std::fflush(f);
+  std::fprintf(f.get(), "%s%s\n", kHeaderPrefix, protocolName(pincom_.protocol()));
+  std::fflush(f.get());
   {
+    std::lock_guard fileLock(fileMutex_);
     std::lock_guard lock(recMutex_);
-    file_ = f;
+    file_ = std::move(f);
     recPath_ = path;
     pending_.clear();
     recStart_ = millis();
@@ -79,13 +80,14 @@ bool SessionRecorder::startRecording(const std::string& path) {
 }
 
 bool SessionRecorder::stopRecording() {
-  std::lock_guard lock(recMutex_);
-  if (!file_) return false;
-  recording_.store(false);
-  flushRecordingLocked();
-  if (std::fclose(file_) != 0) LOG(LEVEL_ERROR, "closing recording file '%s' failed", recPath_.c_str());
-  file_ = nullptr;
-  LOG(LEVEL_INFO, "recording to %s stopped", recPath_.c_str());
+  if (!recording_.exchange(false)) return false;
+  writePending();
+  {
+    std::lock_guard fileLock(fileMutex_);
+    if (file_ && std::fclose(file_.release()) != 0)
+      LOG(LEVEL_ERROR, "closing recording file '%s' failed", recordingFile().c_str());
+  }
+  LOG(LEVEL_INFO, "recording to %s stopped", recordingFile().c_str());
   return true;
 }
 
@@ -97,18 +99,22 @@ std::string SessionRecorder::recordingFile() const {
 void SessionRecorder::recordByte(uint8_t b) {
   if (!recording_.load(std::memory_order_acquire)) return;
   std::lock_guard lock(recMutex_);
-  if (!file_) return;
   pending_.push_back({static_cast<unsigned>(millis() - recStart_), b});
   recordedSomething_.store(true, std::memory_order_relaxed);
 }
 
-void SessionRecorder::flushRecordingLocked() {
-  if (!file_) return;
-  for (const Event& e : pending_) std::fprintf(file_, "%u 0x%02X\n", e.ms, e.byte);
-  pending_.clear();
-  if (std::fflush(file_) != 0 || std::ferror(file_)) {
-    LOG(LEVEL_ERROR, "writing recording file '%s' failed: %s", recPath_.c_str(), std::strerror(errno));
-    std::clearerr(file_);
+void SessionRecorder::writePending() {
+  std::lock_guard fileLock(fileMutex_);
+  std::vector<Event> batch;
+  {
+    std::lock_guard lock(recMutex_);
+    batch.swap(pending_);
+  }
+  if (!file_ || batch.empty()) return;
+  for (const Event& e : batch) std::fprintf(file_.get(), "%u 0x%02X\n", e.ms, e.byte);
+  if (std::fflush(file_.get()) != 0 || std::ferror(file_.get())) {
+    LOG(LEVEL_ERROR, "writing recording file '%s' failed: %s", recordingFile().c_str(), std::strerror(errno));
+    std::clearerr(file_.get());
   }
 }
 
@@ -184,28 +190,46 @@ std::size_t SessionRecorder::replayLength() const {
   return events_.size();
 }
 
+std::vector<uint8_t> SessionRecorder::takeDueLocked(unsigned now) {
+  std::vector<uint8_t> due;
+  unsigned long elapsed = now > playStart_ ? now - playStart_ : 0;
+  if (next_ < events_.size() && elapsed > events_[next_].ms + kMaxReplayLagMs) {
+    // The loop was held up: go on from the next byte as if it were due just now.
+    playStart_ += elapsed - events_[next_].ms;
+    elapsed = events_[next_].ms;
+  }
+  while (next_ < events_.size() && events_[next_].ms <= elapsed) due.push_back(events_[next_++].byte);
+  if (next_ >= events_.size()) {
+    replaying_.store(false);
+    LOG(LEVEL_INFO, "replay of %s finished, %zu bytes delivered", playPath_.c_str(), events_.size());
+  }
+  return due;
+}
+
 void SessionRecorder::updatePlayback(unsigned now) {
   if (recording_.load(std::memory_order_acquire)) {
-    std::lock_guard lock(recMutex_);
-    if (now - lastFlush_ >= kFlushIntervalMs) {
-      lastFlush_ = now;
-      flushRecordingLocked();
+    bool due = false;
+    {
+      std::lock_guard lock(recMutex_);
+      if (now - lastFlush_ >= kFlushIntervalMs) {
+        lastFlush_ = now;
+        due = true;
+      }
     }
+    if (due) writePending();
   }
   if (!replaying_.load(std::memory_order_acquire)) return;
 
   std::vector<uint8_t> due;
   {
     std::lock_guard lock(playMutex_);
-    const unsigned long elapsed = now > playStart_ ? now - playStart_ : 0;
-    while (next_ < events_.size() && events_[next_].ms <= elapsed) due.push_back(events_[next_++].byte);
-    if (next_ >= events_.size()) {
-      replaying_.store(false);
-      LOG(LEVEL_INFO, "replay of %s finished, %zu bytes delivered", playPath_.c_str(), events_.size());
-    }
+    due = takeDueLocked(now);
   }
   // Delivered without the lock: the interrupt routine calls the consumers.
-  for (uint8_t b : due) pincom_.triggerInterrupt(b);
+  for (uint8_t b : due) {
+    LOG(LEVEL_INFO, "replayed byte 0x%02X", b);
+    pincom_.triggerInterrupt(b);
+  }
 }
 
 }  // namespace korvo

@@ -4,19 +4,27 @@
 // File format (text): first line "# bus recording v1 protocol=<NAME>", then one line per
 // byte "<ms since recording start> 0x<HH>". Lines starting with '#' are comments.
 //
-// Threads: recordByte() runs on the capture's interrupt thread and only appends to a
-// memory buffer (short mutex); the main loop's updatePlayback() writes that buffer to
-// the file once a second and delivers replayed bytes through Pincom::triggerInterrupt
+// Threads: recordByte() runs on the capture's interrupt thread (and on the main thread
+// for replayed bytes) and only appends to a memory buffer under recMutex_, a lock that is
+// never held across file I/O, so capture never waits on the disk. The main loop's
+// updatePlayback() takes the buffer under recMutex_ once a second and writes and flushes
+// it under fileMutex_ alone, and delivers replayed bytes through Pincom::triggerInterrupt
 // on the main thread. start/stop may come from the main thread or the HTTP thread.
+//
+// A replay keeps the recorded spacing between bytes: when the main loop was held up
+// (a set switch, a slow disk) for longer than kMaxReplayLagMs, the rest of the schedule
+// moves by the delay instead of delivering every overdue byte at once, which would
+// overrun the sound ring.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <istream>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "base/handles.h"
 
 namespace korvo {
 
@@ -25,6 +33,7 @@ class Pincom;
 class SessionRecorder {
  public:
   static constexpr unsigned kFlushIntervalMs = 1000;
+  static constexpr unsigned kMaxReplayLagMs = 20;
 
   struct Event {
     unsigned ms;   // since the start of the recording
@@ -69,12 +78,17 @@ class SessionRecorder {
   void updatePlayback(unsigned now);
 
  private:
-  void flushRecordingLocked();
+  // Takes the pending bytes under recMutex_, writes them under fileMutex_.
+  void writePending();
+  // The replayed bytes due at `now` (playMutex_ held), moving the schedule after a stall.
+  std::vector<uint8_t> takeDueLocked(unsigned now);
 
   Pincom& pincom_;
 
-  mutable std::mutex recMutex_;  // guards file_, recPath_, pending_, recStart_, lastFlush_
-  FILE* file_ = nullptr;
+  std::mutex fileMutex_;  // guards file_; taken before recMutex_, never inside it
+  FileHandle file_;
+
+  mutable std::mutex recMutex_;  // guards recPath_, pending_, recStart_, lastFlush_
   std::string recPath_;
   std::vector<Event> pending_;
   unsigned long recStart_ = 0;

@@ -47,7 +47,7 @@ class Shaker {
 
   // The wiringPi pin of the physical pin `pinShaker`, -1 when that is not a GPIO.
   int pin() const;
-  // Makes the pin an output and switches the motor off (initGpio step 8).
+  // Makes the pin an output and switches the motor off (at the end of initGpio).
   void setup();
   void shakerOn();
   void shakerOff();

@@ -32,40 +32,36 @@ bool SocketOutput::open() {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* res = nullptr;
+  addrinfo* found = nullptr;
   const std::string port = std::to_string(port_);
-  const int rc = getaddrinfo(host_.c_str(), port.c_str(), &hints, &res);
+  const int rc = getaddrinfo(host_.c_str(), port.c_str(), &hints, &found);
+  AddrInfoHandle res(found);
   if (rc != 0 || !res) {
     LOG(LEVEL_ERROR, "socket output: cannot resolve '%s': %s", host_.c_str(), gai_strerror(rc));
     return false;
   }
-  const int fd = ::socket(res->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
+  Fd fd(::socket(res->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd) {
     LOG(LEVEL_ERROR, "socket output: socket() failed: %s", std::strerror(errno));
-    freeaddrinfo(res);
     return false;
   }
   std::memcpy(&addr_, res->ai_addr, res->ai_addrlen);
   addrLen_ = static_cast<socklen_t>(res->ai_addrlen);
-  freeaddrinfo(res);
-  fd_ = fd;
+  fd_ = std::move(fd);
   LOG(LEVEL_INFO, "socket output to %s:%d", host_.c_str(), port_);
   return true;
 }
 
-void SocketOutput::close() {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
-}
+void SocketOutput::close() { fd_.reset(); }
 
 bool SocketOutput::sendSocketCmd(std::string_view text) {
-  if (fd_ < 0) {
+  if (!fd_) {
     if (shouldLog(errorsLogged_))
       LOG(LEVEL_ERROR, "socket output to '%s' not open, dropping '%.*s'", host_.c_str(),
           static_cast<int>(text.size()), text.data());
     return false;
   }
-  const ssize_t n = ::sendto(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+  const ssize_t n = ::sendto(fd_.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                              reinterpret_cast<const sockaddr*>(&addr_), addrLen_);
   if (n < 0) {
     if (shouldLog(errorsLogged_))

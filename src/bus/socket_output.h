@@ -12,6 +12,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "base/handles.h"
+
 namespace korvo {
 
 class SocketOutput {
@@ -25,14 +27,14 @@ class SocketOutput {
   // for an unknown host or a bad port; sends are then dropped.
   bool open();
   void close();
-  bool isOpen() const { return fd_ >= 0; }
+  bool isOpen() const { return static_cast<bool>(fd_); }
   // One datagram holding `text`. False when closed or the send failed (ERROR line).
   bool sendSocketCmd(std::string_view text);
 
  private:
   const std::string host_;
   const int port_;
-  int fd_ = -1;
+  Fd fd_;
   sockaddr_storage addr_{};
   socklen_t addrLen_ = 0;
   std::atomic<unsigned> errorsLogged_{0};

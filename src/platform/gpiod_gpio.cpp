@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "base/log.h"
+#include "base/thread.h"
+#include "base/handles.h"
 #include "platform/mcp23017.h"
 
 namespace korvo {
@@ -125,7 +127,7 @@ class GpiodGpio final : public Gpio {
   bool biasUnsupported_ = false;  // kernels before 5.5 refuse the bias flags
 
   std::mutex i2cMutex_;  // guards i2cFds_
-  std::vector<int> i2cFds_;
+  std::vector<Fd> i2cFds_;
 
   ExtenderPins extenders_;
 };
@@ -137,7 +139,6 @@ GpiodGpio::~GpiodGpio() {
     for (Line& l : lines_) releaseLocked(l);
   }
   gpiod_chip_close(chip_);
-  for (int fd : i2cFds_) close(fd);
 }
 
 void GpiodGpio::reportLocked(Line& l, int pin, const char* what) {
@@ -279,7 +280,8 @@ int GpiodGpio::wiringPiISR(int pin, int edge, Isr isr) {
   w->pin = pin;
   w->line = l->line;
   w->isr = std::move(isr);
-  w->thread = std::thread(&GpiodGpio::watch, this, w.get());
+  Watcher* raw = w.get();
+  w->thread = startThread("gpio isr " + std::to_string(pin), [this, raw] { watch(raw); });
   watchers_.push_back(std::move(w));
   return 0;
 }
@@ -287,9 +289,6 @@ int GpiodGpio::wiringPiISR(int pin, int edge, Isr isr) {
 // Runs on the pin's interrupt thread. The line stays requested for events until
 // stopInterrupts() has joined this thread, so `w->line` needs no lock here.
 void GpiodGpio::watch(Watcher* w) {
-  char name[16];
-  snprintf(name, sizeof name, "gpio isr %d", w->pin);
-  setThreadName(name);
   gpiod_line_event events[kEventBatch];
   while (!w->stop.load(std::memory_order_acquire)) {
     const timespec poll = kEventPoll;
@@ -346,19 +345,19 @@ int GpiodGpio::wiringPiI2CSetup(int devId) {
     LOG(LEVEL_ERROR, "gpiod: no I2C bus (/dev/i2c-1, /dev/i2c-0)");
     return -1;
   }
-  const int fd = open(i2cBus_.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
+  Fd fd(open(i2cBus_.c_str(), O_RDWR | O_CLOEXEC));
+  if (!fd) {
     LOG(LEVEL_ERROR, "gpiod: cannot open %s: %s", i2cBus_.c_str(), strerror(errno));
     return -1;
   }
-  if (ioctl(fd, I2C_SLAVE, devId) < 0) {
+  if (ioctl(fd.get(), I2C_SLAVE, devId) < 0) {
     LOG(LEVEL_ERROR, "gpiod: cannot select I2C device 0x%02x: %s", devId, strerror(errno));
-    close(fd);
     return -1;
   }
+  // The object keeps the descriptor; callers use the number until it is destroyed.
   std::lock_guard lock(i2cMutex_);
-  i2cFds_.push_back(fd);
-  return fd;
+  i2cFds_.push_back(std::move(fd));
+  return i2cFds_.back().get();
 }
 
 int GpiodGpio::wiringPiI2CRead(int fd) {

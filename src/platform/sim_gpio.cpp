@@ -3,8 +3,10 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+#include <string>
 
 #include "base/log.h"
+#include "base/thread.h"
 #include "platform/clock.h"
 
 namespace korvo {
@@ -162,15 +164,12 @@ int SimGpio::wiringPiISR(int pin, int edge, Isr isr) {
   irq->isr = std::move(isr);
   Interrupt* raw = irq.get();
   // The thread blocks on mutex_ (held here) until the record is complete.
-  irq->thread = std::thread(&SimGpio::runInterrupt, this, raw);
+  irq->thread = startThread("gpio isr " + std::to_string(pin), [this, raw] { runInterrupt(raw); });
   interrupts_[pin] = std::move(irq);
   return 0;
 }
 
 void SimGpio::runInterrupt(Interrupt* irq) {
-  char name[16];
-  snprintf(name, sizeof name, "gpio isr %d", irq->pin);
-  setThreadName(name);
   std::unique_lock lock(mutex_);
   for (;;) {
     irq->wake.wait(lock, [irq] { return irq->stop || irq->started < irq->queued; });

@@ -14,6 +14,13 @@ using V = std::vector<unsigned>;
 
 class Recorder : public BusTest {
  protected:
+  // The main loop's calls over `ms` milliseconds of the manual clock, `step` at a time.
+  void runLoop(SessionRecorder& rec, unsigned ms, unsigned step = 1) {
+    for (unsigned t = 0; t < ms; t += step) {
+      clock::advanceMillis(step);
+      rec.updatePlayback(static_cast<unsigned>(millis()));
+    }
+  }
   TempDir dir;
 };
 
@@ -61,9 +68,10 @@ TEST_F(Recorder, ReplaySkipsMalformedLinesAndWarnsOnOtherProtocol) {
   EXPECT_TRUE(cap.contains("bad.rec:4: malformed recording line skipped"));
   EXPECT_TRUE(cap.contains("bad.rec:12: malformed recording line skipped"));
   EXPECT_EQ(rec.replayLength(), 3u);
-  clock::advanceMillis(100);
-  rec.updatePlayback(static_cast<unsigned>(millis()));
+  runLoop(rec, 100);
   EXPECT_EQ(log.values(), (V{0x01, 0x02}));  // 0xFF is the idle bus
+  // Each replayed byte is visible at the default level.
+  EXPECT_TRUE(cap.contains("INFO") && cap.contains("replayed byte 0x02\n"));
 }
 
 TEST_F(Recorder, LiveFileIsWrittenOnceASecondAndMissingFilesAreRefused) {
@@ -93,11 +101,57 @@ TEST_F(Recorder, DemoSessionParsesCleanlyWithDemoSetIds) {
   ASSERT_TRUE(rec.startPlayback((sourceDir() / "demo" / "session.rec").string()));
   EXPECT_FALSE(cap.contains("malformed"));
   EXPECT_FALSE(cap.contains("replaying it as"));
-  clock::advanceMillis(600000);
-  rec.updatePlayback(static_cast<unsigned>(millis()));
+  runLoop(rec, 600000, 10);
+  EXPECT_FALSE(rec.isReplaying());
   const std::set<unsigned> demoIds = {1, 2, 10, 11, 12, 13, 14, 20, 21, 22, 30, 40};
   ASSERT_FALSE(log.values().empty());
   for (unsigned v : log.values()) EXPECT_TRUE(demoIds.count(v)) << v;
+}
+
+// With -R during -P the replayed bytes are what the capture read, so they are recorded.
+TEST_F(Recorder, ReplayedBytesAreRecordedLikeLiveOnes) {
+  clock::useManualClock(1'000'000);
+  const std::string in = (dir / "in.rec").string();
+  const std::string out = (dir / "out.rec").string();
+  writeFile(in, "# bus recording v1 protocol=DATAEAST\n0 0x11\n50 0x12\n");
+  start(DATAEAST);
+  SessionRecorder rec(*pincom);
+  ASSERT_TRUE(rec.startPlayback(in));
+  ASSERT_TRUE(rec.startRecording(out));
+  runLoop(rec, 100);
+  ASSERT_FALSE(rec.isReplaying());
+  ASSERT_TRUE(rec.stopRecording());
+  EXPECT_EQ(log.values(), (V{0x11, 0x12}));
+  const std::string text = readFile(out);
+  EXPECT_NE(text.find(" 0x11\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(" 0x12\n"), std::string::npos) << text;
+  EXPECT_EQ(pincom->bytesRead(), 2u);
+}
+
+// A main loop held up (a set switch) must not make the replay burst every overdue byte
+// into the sound ring: the schedule moves by the delay and the spacing stays.
+TEST_F(Recorder, ReplayAfterAStallKeepsTheRecordedSpacing) {
+  clock::useManualClock(1'000'000);
+  const std::string in = (dir / "spaced.rec").string();
+  std::string text = "# bus recording v1 protocol=DATAEAST\n";
+  for (int i = 0; i < 10; ++i) text += std::to_string(i * 100) + " 0x" + std::to_string(10 + i) + "\n";
+  writeFile(in, text);
+  start(DATAEAST);
+  SessionRecorder rec(*pincom);
+  ASSERT_TRUE(rec.startPlayback(in));
+  runLoop(rec, 150);
+  ASSERT_EQ(log.values().size(), 2u);
+  clock::advanceMillis(3000);  // the stall
+  rec.updatePlayback(static_cast<unsigned>(millis()));
+  EXPECT_EQ(log.values().size(), 3u);
+  // From here on one byte per 100 ms, as recorded.
+  for (std::size_t want = 4; want <= 10; ++want) {
+    runLoop(rec, 99);
+    EXPECT_EQ(log.values().size(), want - 1);
+    runLoop(rec, 1);
+    EXPECT_EQ(log.values().size(), want);
+  }
+  EXPECT_FALSE(rec.isReplaying());
 }
 
 }  // namespace
