@@ -25,24 +25,13 @@ Korvo::Korvo() = default;
 Korvo::~Korvo() {
   if (bus_) bus_->shutdown();
   if (engine_) engine_->soundShutdown();
-  if (logFile_) {
-    setLogDevice(stdout);
-    fclose(logFile_);
-  }
+  Log::instance().closeLogFile();
 }
 
 void Korvo::setCurrDir(const char* argv0) {
   currDir_ = argv0 ? argv0 : "";
   auto pos = currDir_.find_last_of('/');
   if (pos != std::string::npos) currDir_.resize(pos);
-}
-
-void Korvo::openLogFile(const std::string& name) {
-  // A log file that cannot be opened leaves logging on standard output.
-  if (FILE* f = fopen(name.c_str(), "a")) {
-    logFile_ = f;
-    setLogDevice(f);
-  }
 }
 
 ConsoleActions Korvo::consoleActions() {
@@ -76,9 +65,6 @@ void Korvo::createSoundEngine() {
   // SDL would otherwise replace our SIGINT/SIGTERM handlers with its own, which only
   // queue an event nobody reads.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-  // SDL would otherwise replace our SIGINT/SIGTERM handlers with its own, which only
-  // queue an event nobody reads.
-  SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
   engine_ = std::make_unique<SoundEngine>(settings);
   engine_->setSoundsDir(findSoundsDir());
   engine_->setTransientSettingsFile("va.ini");
@@ -100,9 +86,15 @@ void Korvo::createSoundEngine() {
   engine_->index().hooks.captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
 }
 
-void Korvo::writeConversions() {
+void Korvo::writeConversions(int setCount) {
   if (opt_.xsndFile.empty() && opt_.csvFile.empty()) return;
   auto lock = engine_->lock();
+  // Writing an empty index would replace a good container or table with an empty one.
+  if (setCount <= 0 || engine_->index().samplesMap.mapSize() == 0) {
+    LOG(LEVEL_ERROR, "no sound set loaded: nothing to convert, %s not written",
+        !opt_.xsndFile.empty() ? opt_.xsndFile.c_str() : opt_.csvFile.c_str());
+    return;
+  }
   if (!opt_.xsndFile.empty() &&
       writeSamplesToBinary(engine_->index(), opt_.xsndFile, opt_.stripPaths != 0) != 0)
     LOG(LEVEL_ERROR, "writing sound set to %s failed", opt_.xsndFile.c_str());
@@ -110,7 +102,13 @@ void Korvo::writeConversions() {
     LOG(LEVEL_ERROR, "writing csv to %s failed", opt_.csvFile.c_str());
 }
 
-int Korvo::startUp(int argc, char** argv, char** envp) {
+void Korvo::removeStaleTemporaryFiles() const {
+  // Left by writes that a power cut interrupted; some are whole sound sets in size.
+  removeStaleTemporaries(".");
+  removeStaleTemporaries(opt_.baseDir, kSetDirectoryDepth + 1);
+}
+
+int Korvo::parseCommandLine(int argc, char** argv) {
   setLogDevice(stdout);
   if (argc <= 1) {
     usage(stderr, argc > 0 ? argv[0] : "korvo", false);
@@ -123,42 +121,73 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
 
   ParseResult parsed = parseOptions(argc, argv, opt_, settings);
   if (parsed.exit) return parsed.exitCode;
-  if (!opt_.logFileName.empty()) openLogFile(opt_.logFileName);
   if (opt_.baseDir.empty()) {
     LOG(LEVEL_WARN, "no base path given, using the current directory");
     opt_.baseDir = ".";
   }
+  return -1;
+}
 
+bool Korvo::openBus() {
   boardModel_ = readBoardModel();
   boardSerial_ = readBoardSerial();
   LOG(LEVEL_INFO, "VELT!Audio starting, version %s, serial: %u, on: %s", kVersion, boardSerial_,
       boardModel_.c_str());
-
   // Put the bus pins into a safe state early.
   gpio_ = createGpio();
   if (!gpio_) {
     LOG(LEVEL_ERROR, "no usable gpio backend, exiting");
-    return 1;
+    return false;
   }
   bus_ = std::make_unique<Bus>(*gpio_, settings);
   bus_->preInitGpio();
   startTime_ = millis();
+  return true;
+}
 
+void Korvo::readConfiguration(char** envp) {
   if (opt_.enableDebug) {
     set_conio_terminal_mode();
     terminalRaw_ = true;
   }
   dumpEnvironment(envp);
-
   if (!opt_.dspXmlFile.empty()) {
     LOG(LEVEL_INFO, "dsp xml def set to '%s'", opt_.dspXmlFile.c_str());
     LOG(LEVEL_WARN, "DSP programming is not available in this build, ignoring %s", opt_.dspXmlFile.c_str());
   }
-
   LOG(LEVEL_INFO, "loading settings from %s", "va.ini");
   config_.readSettings("va.ini");
   config_.readMasterConfig(opt_.baseDir.c_str(), gpio_->hasI2C());
+}
 
+void Korvo::startSoundEngine() {
+  createSoundEngine();
+  if (opt_.enableAudio && engine_->soundInit(20, opt_.baseDir.c_str(), settings.channels, settings.frequency) != 0)
+    opt_.enableAudio = 0;
+  if (settings.sayVersion) engine_->sayVersion(kVersion);
+  // Scans the catalogue; with no set it plays the install hints and leaves an empty
+  // index, else it clamps settings.soundSet to the sets found and loads that set.
+  const int sets = engine_->startSoundSets(opt_.baseDir);
+  writeConversions(sets);
+  if (settings.sayMode) engine_->sayMode(settings.protocol);
+}
+
+void Korvo::startCapture() {
+  bus_->openOutputs();
+  engine_->setVolumeInternal(settings.volume);
+  SoundEngine* e = engine_.get();
+  ProtocolHandlers* handlers = handlers_.get();
+  bus_->initGpio({[e](unsigned v) { e->soundHandler(v); },
+                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWpcHandler(c, static_cast<int>(v)); },
+                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWSHandler(c, static_cast<int>(v)); }});
+  bus_->startSession(opt_.playbackFile, opt_.recordFile);
+}
+
+int Korvo::startUp(int argc, char** argv, char** envp) {
+  if (int rc = parseCommandLine(argc, argv); rc >= 0) return rc;
+  removeStaleTemporaryFiles();
+  if (!openBus()) return 1;
+  readConfiguration(envp);
   if (opt_.testIOonly) {
     // The IO test runs until the process is killed, as it always has.
     signal(SIGINT, SIG_DFL);
@@ -166,33 +195,13 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
     return pincom_main(*gpio_, settings);
   }
   if (!gpio_->hasI2C()) settings.enable_minidisplay = 0;
-
   if (settings.enable_eventsrv) bus_->startEventService(opt_.httpPort);
-
-  createSoundEngine();
-  if (opt_.enableAudio && engine_->soundInit(20, opt_.baseDir.c_str(), settings.channels, settings.frequency) != 0)
-    opt_.enableAudio = 0;
-  if (settings.sayVersion) engine_->sayVersion(kVersion);
-
-  // Scans the catalogue; with no set it plays the install hints and leaves an empty
-  // index, else it clamps settings.soundSet to the sets found and loads that set.
-  engine_->startSoundSets(opt_.baseDir);
-  writeConversions();
-
-  if (settings.sayMode) engine_->sayMode(settings.protocol);
-  bus_->openOutputs();
-  engine_->setVolumeInternal(settings.volume);
-
-  SoundEngine* e = engine_.get();
-  ProtocolHandlers* handlers = handlers_.get();
-  bus_->initGpio({[e](unsigned v) { e->soundHandler(v); },
-                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWpcHandler(c, static_cast<int>(v)); },
-                  [handlers](const uint8_t* c, unsigned v) { handlers->soundWSHandler(c, static_cast<int>(v)); }});
-  bus_->startSession(opt_.playbackFile, opt_.recordFile);
+  startSoundEngine();
+  startCapture();
   if (opt_.enableAudio) engine_->startSoundServiceThread();
   if (opt_.enableHttpService) LOG(LEVEL_WARN, "the HTTP service is not part of this build yet, -H ignored");
-
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
+  LOG(LEVEL_INFO, "start-up done, entering the main loop");
   return -1;
 }
 
@@ -211,7 +220,8 @@ void Korvo::runMainLoop() {
       int c = getch();
       if (c >= 0) console_->handleKey(c);
     }
-    if (logFile_ && n % 10000 == 0) flushLog();
+    // Lines are flushed as they are written; this reports repeats held back meanwhile.
+    if (n % kRepeatReportEvery == 0) flushLog();
   }
 }
 

@@ -4,7 +4,6 @@
 // start-up.
 #pragma once
 
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -43,22 +42,41 @@ class Korvo {
   void buttonClicked(unsigned durationMs);
 
  private:
+  // Main loop rounds between reports of held-back log repeats (about a second).
+  static constexpr unsigned long kRepeatReportEvery = 1000;
+  // Sets keep files down to base/<set>/<type>/<sound>/.
+  static constexpr int kSetDirectoryDepth = 3;
+
   // Returns -1 to go on with the main loop, or the exit code to leave with.
   int startUp(int argc, char** argv, char** envp);
   void runMainLoop();
   void shutdown();
-  void openLogFile(const std::string& name);
+
+  // The start-up steps, in order. Each logs its own failures.
+  // Log device, options (a -f file takes the lines of the options after it), base path.
+  int parseCommandLine(int argc, char** argv);
+  // Temporaries of interrupted writes in the working and base directories and the sets.
+  void removeStaleTemporaryFiles() const;
+  // Board information, the GPIO backend and the bus pins in their safe state.
+  bool openBus();
+  // Debug terminal, environment dump, DSP definitions, "va.ini" and "mellosound.ini".
+  void readConfiguration(char** envp);
+  // The engine, announcements, the catalogue and the stored set, -K / -T conversions.
+  void startSoundEngine();
+  // Side outputs, the stored volume, the bus capture and recording or replay.
+  void startCapture();
+
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
   void createSoundEngine();
   // Start-up conversions of the loaded set: -K writes it as an xsnd container, -T
-  // as an AltSound table.
-  void writeConversions();
+  // as an AltSound table. With no set loaded (`setCount` 0 or an empty index) nothing
+  // is written.
+  void writeConversions(int setCount);
   std::string findSoundsDir() const;
 
   Options opt_;
   std::string currDir_;
-  FILE* logFile_ = nullptr;
   Configuration config_{settings};
   std::string boardModel_;
   unsigned boardSerial_ = 0;

@@ -157,15 +157,18 @@ TEST(Cli, SigtermShutsDownInOrderAndLogFileIsAppended) {
   std::string logFile = (work / "korvo.log").string();
   korvo::test::writeFile(logFile, "previous line\n");
   korvo::test::writeFile(work / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
-  Proc p = start({"-f", logFile, "-l", "4", work.str()}, work.str());
-  // The file log is flushed every 10000 loop rounds and at shutdown: give start-up
-  // time, then stop the daemon and find everything in the file.
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  // -w after -f: what parsing it logs belongs in the file as well.
+  Proc p = start({"-f", logFile, "-w", "NOPE", "-l", "4", work.str()}, work.str());
+  // Every line reaches the file as it is logged.
+  ASSERT_TRUE(korvo::test::waitUntil(
+      [&] { return korvo::test::readFile(logFile).find("start-up done") != std::string::npos; }))
+      << korvo::test::readFile(logFile);
   kill(p.pid, SIGTERM);
   Result r = finish(p);
   EXPECT_EQ(r.code, 0);
   std::string log = korvo::test::readFile(logFile);
   EXPECT_EQ(log.rfind("previous line\n", 0), 0u);
+  EXPECT_NE(log.find("invalid protocol name 'NOPE"), std::string::npos) << log;
   EXPECT_NE(log.find("loading settings from va.ini"), std::string::npos);
   EXPECT_NE(log.find("shutting down"), std::string::npos);
   EXPECT_EQ(r.out, "");

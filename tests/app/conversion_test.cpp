@@ -24,12 +24,14 @@ using namespace korvo;
 namespace {
 
 // Conversions run at start-up and the daemon then goes on as usual: wait (bounded)
-// for the files to appear, then stop it in order.
-int runKorvo(const std::vector<std::string>& args, const std::string& cwd, const std::vector<std::string>& waitFor) {
+// until its log says start-up is done, then stop it in order. The log is `cwd`/korvo.out.
+int runKorvo(const std::vector<std::string>& args, const std::string& cwd) {
+  const std::string out = cwd + "/korvo.out";
+  fs::remove(out);  // the log of an earlier run must not count
   pid_t pid = fork();
   if (pid == 0) {
     if (chdir(cwd.c_str()) != 0) _exit(126);
-    freopen("/dev/null", "w", stdout);
+    if (!freopen(out.c_str(), "w", stdout)) _exit(126);
     setenv("KORVO_GPIO", "sim", 1);
     std::vector<std::string> copy = args;
     std::string exe = KORVO_EXE;
@@ -39,15 +41,17 @@ int runKorvo(const std::vector<std::string>& args, const std::string& cwd, const
     execv(exe.c_str(), argv.data());
     _exit(127);
   }
-  for (int i = 0; i < 300; ++i) {
-    bool all = true;
-    for (const auto& f : waitFor) all = all && fs::exists(f);
-    if (all) break;
-    usleep(50 * 1000);
-  }
-  kill(pid, SIGTERM);
   int status = 0;
-  waitpid(pid, &status, 0);
+  bool exited = false;
+  const bool started = test::waitUntil([&] {
+    exited = waitpid(pid, &status, WNOHANG) == pid;
+    return exited || test::readFile(out).find("start-up done") != std::string::npos;
+  });
+  EXPECT_TRUE(started) << test::readFile(out);
+  if (!exited) {
+    kill(pid, SIGTERM);
+    waitpid(pid, &status, 0);
+  }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -82,7 +86,7 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   fs::copy(test::sourceDir() / "demo", base1.path(), fs::copy_options::recursive);
   test::writeFile(base1 / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
   std::string out1 = (work / "demo.xsnd").string();
-  ASSERT_EQ(runKorvo({"-a", "-K", out1, base1.str()}, work.str(), {out1}), 0) << "korvo -K failed";
+  ASSERT_EQ(runKorvo({"-a", "-K", out1, base1.str()}, work.str()), 0) << "korvo -K failed";
   ASSERT_TRUE(fs::exists(out1));
 
   // The container holds what the PINSOUND scan of the same set holds.
@@ -111,7 +115,7 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   std::string out2 = (work / "again.xsnd").string();
   std::string csv = (work / "export" / "altsound.csv").string();
   fs::create_directories(work / "export");
-  ASSERT_EQ(runKorvo({"-a", "-K", out2, "-s", "-T", csv, base2.str()}, work.str(), {out2, csv}), 0);
+  ASSERT_EQ(runKorvo({"-a", "-K", out2, "-s", "-T", csv, base2.str()}, work.str()), 0);
   auto facts2 = factsOfContainer(out2, scratch);
   ASSERT_EQ(facts2.size(), facts1.size());
   for (auto& [id, f] : facts1) EXPECT_EQ(facts2[id], f) << "sound " << id;
@@ -130,6 +134,23 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   size_t copies = 0;
   for (auto& e : fs::directory_iterator(work / "export")) copies += e.path().filename().string().rfind("0x", 0) == 0;
   EXPECT_EQ(copies, files);
+}
+
+// Without a sound set there is nothing to convert: a good container or table from an
+// earlier run stays as it is.
+TEST(Conversion, WithoutASetNothingIsWrittenAndExistingFilesStay) {
+  test::TempDir work, empty;
+  test::writeFile(empty / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  const std::string xsnd = (work / "good.xsnd").string();
+  const std::string csv = (work / "good.csv").string();
+  test::writeFile(xsnd, "a good container");
+  test::writeFile(csv, "ID,CHANNEL\n");
+  ASSERT_EQ(runKorvo({"-a", "-K", xsnd, "-T", csv, empty.str()}, work.str()), 0);
+  EXPECT_EQ(test::readFile(xsnd), "a good container");
+  EXPECT_EQ(test::readFile(csv), "ID,CHANNEL\n");
+  const std::string log = test::readFile(work / "korvo.out");
+  EXPECT_NE(log.find("ERROR"), std::string::npos) << log;
+  EXPECT_NE(log.find("no sound set loaded: nothing to convert"), std::string::npos) << log;
 }
 
 }  // namespace

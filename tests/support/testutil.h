@@ -1,8 +1,10 @@
 // Helpers shared by the test binaries: temporary directories, file I/O, log capture.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,11 @@ class TempDir {
  private:
   std::filesystem::path path_;
 };
+
+// Waits until `cond` holds, checking it every millisecond, for at most `limit` (a
+// generous bound for loaded machines, not a timing assertion). False when it never held:
+// callers assert it.
+bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 std::string readFile(const std::filesystem::path& p);
 void writeFile(const std::filesystem::path& p, const std::string& content);
