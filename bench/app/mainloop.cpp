@@ -16,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "base/handles.h"
 #include "platform/clock.h"
 
 namespace {
@@ -50,7 +51,15 @@ double measure(pid_t pid, int seconds) {
 
 int main(int argc, char** argv) {
   int seconds = argc > 1 ? atoi(argv[1]) : 5;
-  std::string exe = std::filesystem::absolute(argv[0]).parent_path().parent_path() / "src/app/korvo";
+  // The daemon of the same build tree: <build>/src/app/korvo beside <build>/bench/, found
+  // from this program's own file, however it was started.
+  std::error_code ec;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  const std::string exe = (self.parent_path().parent_path() / "src/app/korvo").string();
+  if (ec || access(exe.c_str(), X_OK) != 0) {
+    fprintf(stderr, "daemon not found at %s (build the korvo target)\n", exe.c_str());
+    return 1;
+  }
   std::string base = std::filesystem::temp_directory_path() / "korvo-bench-base";
   std::filesystem::create_directories(base);
 
@@ -64,9 +73,9 @@ int main(int argc, char** argv) {
   pid_t daemon = fork();
   if (daemon == 0) {
     if (chdir(base.c_str()) != 0) _exit(126);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, 1);
-    dup2(devnull, 2);
+    korvo::Fd devnull(open("/dev/null", O_WRONLY));
+    dup2(devnull.get(), 1);
+    dup2(devnull.get(), 2);
     setenv("KORVO_GPIO", "sim", 1);
     setenv("SDL_AUDIODRIVER", "dummy", 1);
     execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));

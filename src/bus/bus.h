@@ -1,8 +1,8 @@
 // The machine side of the board in one owner: bus capture with its outputs (shaker,
 // port extender, pin sequences), session recorder, serial / socket / I2C outputs and
-// the UDP event service. The daemon's owner object holds one Bus and calls it at the
-// start-up steps, in the main loop and at shutdown; members are declared in start-up
-// order so destruction undoes it.
+// the UDP event service. The daemon's owner object holds one Bus and calls it during
+// start-up, in the main loop and at shutdown; members are declared in start-up order so
+// destruction undoes it.
 #pragma once
 
 #include <memory>
@@ -31,13 +31,17 @@ class Bus {
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
 
-  // Start-up, in this order (numbers are the daemon's start-up steps):
-  int preInitGpio() { return pincom_.preInitGpio(); }             // 5
-  // 12, when enable_eventsrv: UDP port httpPort + 1 on all interfaces.
+  // Start-up, in this order:
+  // with the board information, before the settings: the bus pins in a safe state;
+  int preInitGpio() { return pincom_.preInitGpio(); }
+  // before the sound engine, when enable_eventsrv: UDP port httpPort + 1 on all interfaces;
   bool startEventService(int httpPort, const std::string& bindAddress = "0.0.0.0");
-  void openOutputs();                                              // 19: serial and socket
-  void initGpio(PincomConsumers consumers);                        // 21
-  // 23: -P then -R (either may be empty). False when a file could not be used.
+  // once the stored set is loaded: serial and socket outputs;
+  void openOutputs();
+  // after the stored volume: the capture for the configured protocol;
+  void initGpio(PincomConsumers consumers);
+  // right after the capture: -P then -R (either may be empty). False when a file could
+  // not be used.
   bool startSession(const std::string& playbackFile, const std::string& recordFile);
 
   // Main loop, iteration n (from 1): pulses the music acknowledge every 250 iterations

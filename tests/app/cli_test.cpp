@@ -157,6 +157,10 @@ TEST(Cli, SigtermShutsDownInOrderAndLogFileIsAppended) {
   std::string logFile = (work / "korvo.log").string();
   korvo::test::writeFile(logFile, "previous line\n");
   korvo::test::writeFile(work / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  // What an interrupted write left in the working/base directory and in a set.
+  korvo::test::writeFile(work / "va.ini.tmpAbC123", "volume=1");
+  korvo::test::writeFile(work / "set" / "sfx" / "10-a" / "a.txt.tmp0a0a0a", "x");
+  korvo::test::writeFile(work / "set" / "notes.tmp", "mine");
   // -w after -f: what parsing it logs belongs in the file as well.
   Proc p = start({"-f", logFile, "-w", "NOPE", "-l", "4", work.str()}, work.str());
   // Every line reaches the file as it is logged.
@@ -172,6 +176,10 @@ TEST(Cli, SigtermShutsDownInOrderAndLogFileIsAppended) {
   EXPECT_NE(log.find("loading settings from va.ini"), std::string::npos);
   EXPECT_NE(log.find("shutting down"), std::string::npos);
   EXPECT_EQ(r.out, "");
+  EXPECT_FALSE(std::filesystem::exists(work / "va.ini.tmpAbC123"));
+  EXPECT_FALSE(std::filesystem::exists(work / "set" / "sfx" / "10-a" / "a.txt.tmp0a0a0a"));
+  EXPECT_TRUE(std::filesystem::exists(work / "set" / "notes.tmp"));
+  EXPECT_NE(log.find("removed stale temporary file"), std::string::npos);
 }
 
 }  // namespace

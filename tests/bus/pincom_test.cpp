@@ -181,14 +181,13 @@ TEST(IoTestMode, CapturesAndLogsWithoutSound) {
   s.enableI2S = 0;
   std::atomic<bool> run{true};
   std::thread t([&] { pincom_main(gpio, s, &run); });
-  // initGpio has run once the strobe pin has its interrupt routine.
-  for (int i = 0; i < 500 && gpio.pinModeOf(12) != OUTPUT; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  // The mode says so once the capture is set up.
+  ASSERT_TRUE(waitUntil([&] { return cap.contains("io test mode: capturing DATAEAST commands"); }));
   SimBusDriver driver(gpio, simBusWiring(DATAEAST, false));
   EXPECT_TRUE(driver.sendByte(0x11));
+  EXPECT_TRUE(waitUntil([&] { return cap.contains("io test: sound command 17 (0x11)"); }));
   run = false;
   t.join();
-  EXPECT_TRUE(cap.contains("io test: sound command 17 (0x11)"));
 }
 
 }  // namespace
