@@ -6,8 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target korvo
+source scripts/configure.sh
+# The same build directory and flags as scripts/test.sh; only the daemon is built here.
+korvo_configure ""
+cmake --build "$KORVO_BUILD_DIR" -j"$(nproc)" --target korvo
 # va.ini (volume, sound set) is kept in the working directory: keep it out of the tree.
 mkdir -p build/demo-run
 cd build/demo-run

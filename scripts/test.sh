@@ -7,11 +7,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
-SAN="${KORVO_SANITIZE:-}"
-BUILD="build${SAN:+-$SAN}"
-JOBS="$(nproc)"
+source scripts/configure.sh
 
-cmake -S . -B "$BUILD" -DKORVO_WERROR=ON -DKORVO_SANITIZE="$SAN" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+korvo_configure "${KORVO_SANITIZE:-}"
+BUILD="$KORVO_BUILD_DIR"
+JOBS="$(nproc)"
 cmake --build "$BUILD" -j"$JOBS"
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
