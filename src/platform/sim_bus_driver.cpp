@@ -33,7 +33,7 @@ bool SimBusDriver::sendByte(uint8_t byte) {
     ok = false;
   }
   // The pulse is complete when the line has come back HIGH after the strobe.
-  if (wiring_.ackPin >= 0 && !gpio_.waitOutputEdge(wiring_.ackPin, ackFrom, HIGH, wiring_.timeout)) {
+  if (wiring_.ackPin >= 0 && !gpio_.waitOutputEdge(wiring_.ackPin, ackFrom, HIGH, wiring_.ackTimeout)) {
     ++missingAcks_;
     LOG(LEVEL_WARN, "sim bus: no acknowledge on pin %d for byte 0x%02x", wiring_.ackPin, byte);
     ok = false;

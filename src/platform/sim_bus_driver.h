@@ -31,8 +31,12 @@ struct SimBusWiring {
   // Pause between the bytes of one command, through delayMicroseconds (so under the
   // manual clock it advances the clock instead of sleeping).
   unsigned gapMicros = 0;
-  // Real-time limit for the interrupt routine and the acknowledge of one byte.
+  // Real-time limit for the interrupt routine of one byte (generous: a loaded machine
+  // may hold the interrupt thread back).
   std::chrono::milliseconds timeout{1000};
+  // Real-time limit for the acknowledge once the routine has finished. The routine pulses
+  // it before it returns, so a short limit only matters for a missing acknowledge.
+  std::chrono::milliseconds ackTimeout{1000};
 };
 
 class SimBusDriver {

@@ -106,7 +106,7 @@ TEST(SimBusDriver, FloodOfStrobesKeepsOrderWithRisingEdgeAndRemappedPins) {
 TEST(SimBusDriver, MissingAcknowledgeIsDetected) {
   SimGpio gpio;
   SimBusWiring w = dataEast();
-  w.timeout = 20ms;
+  w.ackTimeout = 20ms;  // the routine has run by then: the pulse would already be there
   Capture capture(gpio, w, false);
   SimBusDriver board(gpio, w);
   test::LogCapture log;
