@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static korvo::Settings s;
   korvo::SampleIndex idx(s);
   idx.loadHashMappingByName(dir, name);
-  for (const auto& node : idx.hashesMap) (void)node.value;
+  for (const auto& node : idx.hashesMap()) (void)node.value;
   // Each line again on its own, as the reader hands it over.
   idx.handleLine(std::string_view(reinterpret_cast<const char*>(data), size));
   unlink(path.c_str());

@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   idx.readSoundConfig(set);
   for (int t = 0; t < korvo::kAudioTypeCount; ++t) {
-    if (idx.gainByType[t] < 0 || idx.gainByType[t] > 100 || idx.duckingByType[t] < 0 || idx.duckingByType[t] > 100)
+    if (idx.gainByType(t) < 0 || idx.gainByType(t) > 100 || idx.duckingByType(t) < 0 || idx.duckingByType(t) > 100)
       abort();  // the tables must only ever hold percentages
   }
   if (s.protocol.load() < 0 || s.protocol.load() >= korvo::kProtocolCount) abort();

@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   korvo::SampleIndex index;
   if (korvo::readSamplesFromBinary(index, path) != 0) return 0;
   int streams = 0;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     const korvo::AudioSample* s = node.value.get();
     for (std::size_t i = 0; i <= s->samples.size() && streams < 8; ++i, ++streams) {
       SDL_RWops* rw = korvo::makeCompoundRW(path.c_str(), s, static_cast<int>(i));

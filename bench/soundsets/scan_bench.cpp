@@ -78,7 +78,7 @@ int main() {
     korvo::SoundSet set;
     set.basedir = base.string();
     idx.initSamples(set, 0);
-    loaded = idx.samplesMap.mapSize();
+    loaded = idx.samplesMap().mapSize();
   };
   // At the default level every sound is logged; the log goes nowhere here.
   FILE* devnull = fopen("/dev/null", "w");

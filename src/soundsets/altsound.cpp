@@ -110,7 +110,7 @@ void fillFromRow(AudioSample& rec, const CsvTable& t, const std::vector<CsvField
     // A negative DUCK means "pause the music": the nearest we offer is no ducking.
     rec.ducking = duck < 0 ? 100u : static_cast<uint32_t>(std::min(duck, 100));
   } else {
-    rec.ducking = static_cast<uint32_t>(index.duckingByType[rec.type]);
+    rec.ducking = static_cast<uint32_t>(index.duckingByType(rec.type));
     rec.duckingdefault = true;
   }
   int preload = 0;
@@ -178,7 +178,7 @@ void installRecords(SampleIndex& index, std::vector<std::unique_ptr<AudioSample>
   }
   index.clearSamples();
   for (auto& r : records) index.addSample(std::move(r));
-  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap.mapSize(), path.c_str());
+  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap().mapSize(), path.c_str());
 }
 
 int readGSound(SampleIndex& index, const std::string& setDir, const std::string& path) {
@@ -447,9 +447,9 @@ int writeSamplesToCsv(SampleIndex& index, const std::string& csvPath, const std:
   auto slash = csvPath.find_last_of('/');
   const std::string csvDir = slash == std::string::npos ? "." : csvPath.substr(0, slash);
   std::string out = "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n";
-  const bool fromContainer = index.setType == XSNDFILE;
+  const bool fromContainer = index.setType() == XSNDFILE;
   int rows = 0;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     const AudioSample* s = node.value.get();
     if (s == nullptr) continue;
     TypeColumns tc = typeColumns(s->type);

@@ -23,7 +23,7 @@ constexpr int kReportedJunkLines = 5;
 
 }  // namespace
 
-void SampleIndex::initHashesMap() { hashesMap.clear(); }
+void SampleIndex::initHashesMap() { mapping_.hashes.clear(); }
 
 int SampleIndex::handleLine(std::string_view line) {
   if (line.empty()) return 0;
@@ -34,7 +34,7 @@ int SampleIndex::handleLine(std::string_view line) {
   unsigned realId = 0;
   unsigned scrambled = 0;
   if (sscanf(copy.c_str(), "%x %u", &realId, &scrambled) != 2) return -1;
-  hashesMap.mapSet(scrambled, realId);
+  mapping_.hashes.mapSet(scrambled, realId);
   return 1;
 }
 
@@ -103,9 +103,9 @@ int SampleIndex::loadHashMappingByName(const std::string& dir, const std::string
   }
   if (junk > kReportedJunkLines) LOG(LEVEL_WARN, "%s: %d lines were not mappings", path.c_str(), junk);
   if (gzip)
-    LOG(LEVEL_DEBUG, "loaded %d hashes", hashesMap.mapSize());
+    LOG(LEVEL_DEBUG, "loaded %d hashes", mapping_.hashes.mapSize());
   else
-    LOG(LEVEL_INFO, "loaded %d hashes", hashesMap.mapSize());
+    LOG(LEVEL_INFO, "loaded %d hashes", mapping_.hashes.mapSize());
   return 1;
 }
 
@@ -116,7 +116,7 @@ int SampleIndex::moveSoundToGroup(unsigned id, int type) {
     LOG(LEVEL_ERROR, "sample for id %d not found", static_cast<int>(id));
     return 1;
   }
-  if (type < 0 || type >= kAudioTypeCount || type == s->type || setType == XSNDFILE) return 0;
+  if (type < 0 || type >= kAudioTypeCount || type == s->type || config_.setType == XSNDFILE) return 0;
   if (type == UNKNOWN || type == SYSTEM) {
     // No group directory is scanned for these: the sound would vanish at the next load.
     LOG(LEVEL_ERROR, "sound %s cannot be moved to %s: no such group", s->name.c_str(), audioTypeName(type));

@@ -279,7 +279,7 @@ std::unique_ptr<AudioSample> recordFromMessage(const ::AudioSample& a, const ::S
   if (rec->ducking == 0) {
     rec->ducking = static_cast<std::size_t>(rec->type) < set.n_ducking
                        ? set.ducking[rec->type]
-                       : static_cast<uint32_t>(index.duckingByType[static_cast<std::size_t>(rec->type)]);
+                       : static_cast<uint32_t>(index.duckingByType(static_cast<std::size_t>(rec->type)));
   }
   rec->gaindefault = a.gaindefault;
   rec->duckingdefault = a.duckingdefault;
@@ -514,18 +514,18 @@ int writeSamplesToBinary(SampleIndex& index, const std::string& path, bool strip
   LOG(LEVEL_INFO, "writing binary XSND file %sto '%s'", "", path.c_str());
   std::vector<uint32_t> gains(kAudioTypeCount), ducking(kAudioTypeCount);
   for (int t = 0; t < kAudioTypeCount; ++t) {
-    gains[t] = static_cast<uint32_t>(index.gainByType[t]);
-    ducking[t] = static_cast<uint32_t>(index.duckingByType[t]);
+    gains[t] = static_cast<uint32_t>(index.gainByType(t));
+    ducking[t] = static_cast<uint32_t>(index.duckingByType(t));
   }
   std::vector<SampleMessage> messages;
-  messages.reserve(static_cast<std::size_t>(index.samplesMap.mapSize()));
-  LOG(LEVEL_DEBUG, "writing %d samples.", index.samplesMap.mapSize());
+  messages.reserve(static_cast<std::size_t>(index.samplesMap().mapSize()));
+  LOG(LEVEL_DEBUG, "writing %d samples.", index.samplesMap().mapSize());
 
   if (writeChunkHeader(f.get(), makeChunkHeader("xSND", 2)) != 0 || !writeUint16(f.get(), kXsndVersion))
     return fail("header");
 
-  const bool fromContainer = index.setType == XSNDFILE;
-  for (auto& node : index.samplesMap) {
+  const bool fromContainer = index.setType() == XSNDFILE;
+  for (auto& node : index.samplesMap()) {
     const AudioSample* s = node.value.get();
     if (s == nullptr) {
       LOG(LEVEL_ERROR, "AudioSample was not initialized correct");

@@ -50,7 +50,7 @@ struct StorageFixture {
     rec->basepath = (tmp / dir).string();
     rec->name = "sound" + std::to_string(id);
     rec->gain = 50;
-    rec->ducking = static_cast<uint32_t>(idx.duckingByType[type]);
+    rec->ducking = static_cast<uint32_t>(idx.duckingByType(type));
     for (const auto& [name, bytes] : files) {
       writeFile(tmp / dir / name, bytes);
       rec->samples.push_back((tmp / dir / name).string());
@@ -95,7 +95,7 @@ struct SetFixture : StorageFixture {
     set.basedir = (tmp / "set").string();
     set.type = PINSOUND;
     std::filesystem::create_directories(set.basedir + "/music");
-    idx.configsDir = (tmp / "configs").string();
+    idx.setConfigsDir((tmp / "configs").string());
   }
 
   std::filesystem::path dir(const std::string& rel) const { return std::filesystem::path(set.basedir) / rel; }

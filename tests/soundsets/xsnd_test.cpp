@@ -85,7 +85,7 @@ TEST(XsndContainer, EmptySetIsHeaderVersionAndIndex) {
 
 TEST(XsndContainer, RoundTripKeepsRecordsAndExactAudioBytes) {
   StorageFixture fx;
-  fx.idx.duckingByType[VOICE] = 40;  // the container's table, not the reader's default, applies
+  fx.idx.setDuckingByType(VOICE, 40);  // the container's table, not the reader's default, applies
   const std::string a = test::toneOgg(), b = test::wavBytes(fx.tmp / "w.wav"), c = "short";
   auto* s1 = fx.addSound(0x10, MUSIC, "music/16-theme", {{"theme.ogg", a}});
   s1->shakersequence = {100, 200, 300};
@@ -102,7 +102,7 @@ TEST(XsndContainer, RoundTripKeepsRecordsAndExactAudioBytes) {
   ASSERT_EQ(chunks.size(), 6u);
   EXPECT_EQ(bytes.substr(chunks[5], 4), "META");
   auto back = fx.unpack(path);
-  ASSERT_EQ(back->samplesMap.mapSize(), 4);
+  ASSERT_EQ(back->samplesMap().mapSize(), 4);
   EXPECT_EQ(back->getSampleForId(7)->ducking, 40u);
   EXPECT_EQ(back->getSampleForId(8)->ducking, 33u);
   AudioSample* r1 = back->getSampleForId(0x10);
@@ -140,7 +140,7 @@ TEST(XsndContainer, StripNamesRenamesOnlyTheIndexAndRepacksFromItself) {
   EXPECT_NE(text.find("fileChunks {"), std::string::npos);
   // A container set is repacked from its own container.
   auto loaded = fx.unpack(path);
-  loaded->setType = XSNDFILE;
+  loaded->setSetType(XSNDFILE);
   const std::string second = (fx.tmp / "second.xsnd").string();
   ASSERT_EQ(writeSamplesToBinary(*loaded, second, false), 0);
   const CompFileChunk c = fx.unpack(second)->getSampleForId(4660)->filechunks[1];
@@ -196,7 +196,7 @@ TEST(XsndBadInput, TruncatedCorruptedAndForeignFilesAreRefused) {
     test::writeFile(bad, bytes);
     int rc = readSamplesFromBinary(*target, bad);
     EXPECT_EQ(test::readFile(bad), bytes);
-    EXPECT_EQ(target->samplesMap.mapSize(), 2);
+    EXPECT_EQ(target->samplesMap().mapSize(), 2);
     return rc;
   };
   for (std::size_t cut : {std::size_t{0}, std::size_t{5}, std::size_t{12}, std::size_t{3000}, good.size() - 20,
