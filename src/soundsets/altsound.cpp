@@ -26,17 +26,17 @@ class PathResolver {
  public:
   explicit PathResolver(std::string setDir) : setDir_(std::move(setDir)) {}
 
+  enum Outcome { FOUND, MISSING, OUTSIDE, DIRECTORY };
   // The path of `fname` below the set directory, each component matched ignoring
-  // case. False (and `out` empty) when the name would leave the set directory;
-  // `missing` tells whether the file exists.
-  bool resolve(std::string_view fname, std::string& out, bool& missing) {
+  // case. OUTSIDE (and `out` empty) when the name would leave the set directory;
+  // DIRECTORY when it names one (".", "./", a folder): a row needs a file.
+  Outcome resolve(std::string_view fname, std::string& out) {
     std::string name(trim(fname));
     for (auto& c : name)
       if (c == '\\') c = '/';
     while (startsWithMatchCase(name, "./")) name.erase(0, 2);
     out.clear();
-    missing = false;
-    if (name.empty() || !isContainedPath(name)) return false;
+    if (name.empty() || !isContainedPath(name)) return name.empty() ? DIRECTORY : OUTSIDE;
     std::string cur = setDir_;
     std::size_t start = 0;
     while (start < name.size()) {
@@ -46,15 +46,35 @@ class PathResolver {
       if (!comp.empty() && comp != ".") {
         std::string found = listing(cur).find(comp);
         if (found.empty()) {
-          missing = true;
           out = cur + "/" + name.substr(start);
-          return true;
+          return name.back() == '/' ? DIRECTORY : MISSING;
         }
         cur = found;
       }
       start = end + 1;
     }
     out = cur;
+    return isDirectory(cur) ? DIRECTORY : FOUND;
+  }
+
+  // The file of row `line` of `table`, or false when the row is to be skipped (a WARN
+  // line names the table and the line). A missing file is reported once and kept.
+  bool rowFile(const std::string& table, std::size_t line, std::string_view fname, std::string& file) {
+    switch (resolve(fname, file)) {
+      case OUTSIDE:
+        LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%.*s'", table.c_str(), line,
+            static_cast<int>(fname.size()), fname.data());
+        return false;
+      case DIRECTORY:
+        LOG(LEVEL_WARN, "%s:%zu: skipping row whose file name '%.*s' names a directory", table.c_str(), line,
+            static_cast<int>(fname.size()), fname.data());
+        return false;
+      case MISSING:
+        if (missingLogged_.insert(file).second) LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", table.c_str(), line, file.c_str());
+        return true;
+      case FOUND:
+        break;
+    }
     return true;
   }
 
@@ -66,6 +86,7 @@ class PathResolver {
   }
   std::string setDir_;
   std::unordered_map<std::string, std::unique_ptr<DirListing>> cache_;
+  std::set<std::string> missingLogged_;
 };
 
 bool parseIntField(std::string_view s, int& out) {
@@ -191,7 +212,6 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
   PathResolver resolver(setDir);
   std::vector<std::unique_ptr<AudioSample>> records;
   std::unordered_map<uint32_t, AudioSample*> byId;
-  std::set<std::string> missingLogged;
   bool headerSeen = false;
   for (std::size_t i = 0; i < t.lines.size(); ++i) {
     if (trim(t.lines[i].text).empty()) continue;
@@ -207,13 +227,7 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
       continue;
     }
     std::string file;
-    bool missing = false;
-    if (!resolver.resolve(at(4), file, missing)) {
-      LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%s'", path.c_str(), i + 1, at(4).c_str());
-      continue;
-    }
-    if (missing && missingLogged.insert(file).second)
-      LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", path.c_str(), i + 1, file.c_str());
+    if (!resolver.rowFile(path, i + 1, at(4), file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {
       records.push_back(newAudioSampleForId(id));
@@ -306,14 +320,21 @@ TypeColumns typeColumns(AudioType type) {
   }
 }
 
+// A table is a file: a folder that happens to carry the name does not make a set.
+std::string findTableFile(const DirListing& dir, std::string_view name) {
+  for (const auto& e : dir.entries())
+    if (equalsIgnoreCase(e.name, name) && dir.isRegularFile(e)) return dir.dir() + "/" + e.name;
+  return "";
+}
+
 }  // namespace
 
 // ---- public -----------------------------------------------------------------------
 
 std::string findCsvTable(const std::string& setDir, bool* gsound) {
   DirListing dir(setDir);
-  std::string alt = dir.find("altsound.csv");
-  std::string gs = dir.find("g-sound.csv");
+  std::string alt = findTableFile(dir, "altsound.csv");
+  std::string gs = findTableFile(dir, "g-sound.csv");
   bool useG = !gs.empty();
   std::string iniPath = dir.find("altsound.ini");
   if (!iniPath.empty() && !alt.empty() && !gs.empty()) {
@@ -344,7 +365,6 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
   PathResolver resolver(setDir);
   std::vector<std::unique_ptr<AudioSample>> records;
   std::unordered_map<uint32_t, AudioSample*> byId;
-  std::set<std::string> missingLogged;
   for (std::size_t i : t.dataRows()) {
     auto f = splitCsvLine(t.lines[i].text);
     std::string idText = t.field(f, C_ID);
@@ -355,17 +375,11 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
     }
     std::string fname = t.field(f, C_FNAME);
     std::string file;
-    bool missing = false;
     if (fname.empty()) {
       LOG(LEVEL_WARN, "%s:%zu: skipping row without FNAME", path.c_str(), i + 1);
       continue;
     }
-    if (!resolver.resolve(fname, file, missing)) {
-      LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%s'", path.c_str(), i + 1, fname.c_str());
-      continue;
-    }
-    if (missing && missingLogged.insert(file).second)
-      LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", path.c_str(), i + 1, file.c_str());
+    if (!resolver.rowFile(path, i + 1, fname, file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {
       records.push_back(newAudioSampleForId(id));
@@ -413,8 +427,7 @@ int refreshCsvTable(const AudioSample& sample) {
   std::vector<std::size_t> drop;
   for (std::size_t i : rows) {
     std::string file;
-    bool missing = false;
-    resolver.resolve(t.field(splitCsvLine(t.lines[i].text), C_FNAME), file, missing);
+    resolver.resolve(t.field(splitCsvLine(t.lines[i].text), C_FNAME), file);
     auto it = wanted.find(file);
     if (it != wanted.end() && it->second > 0) {
       --it->second;

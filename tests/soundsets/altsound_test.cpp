@@ -166,6 +166,28 @@ TEST(AltsoundWrite, MissingColumnsExtendTheHeaderAndPadRows) {
   EXPECT_EQ(fx.reread(fx.dir)->getSampleForId(0x11)->type, SINGLE);
 }
 
+TEST(AltsoundBadInput, FileNamesThatNameADirectoryAreRefusedWithTheirLine) {
+  StorageFixture fx;
+  const std::string dir = (fx.tmp / "d").string();
+  std::filesystem::create_directories(fx.tmp / "d/Sub");
+  test::writeFile(fx.tmp / "d/ok.ogg", "x");
+  test::writeFile(fx.tmp / "d/altsound.csv",
+                  "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\n0x01,,,,,,dot,.\n0x02,,,,,,sub,sub\n"
+                  "0x03,,,,,,slash,./\n0x04,,,,,,ok,ok.ogg\n0x05,,,,,,trail,SUB/\n");
+  test::writeFile(fx.tmp / "g/g-sound.csv", "ID,TYPE,GAIN,DUCKING_PROFILE,FNAME\n0x01,sfx,50,0,.\n0x02,sfx,50,0,ok.ogg\n");
+  test::writeFile(fx.tmp / "g/ok.ogg", "x");
+  test::LogCapture cap;
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 1);
+  ASSERT_NE(fx.idx.getSampleForId(4), nullptr);
+  for (int line : {2, 3, 4, 6})
+    EXPECT_TRUE(cap.contains(dir + "/altsound.csv:" + std::to_string(line) + ": skipping row whose file name")) << line;
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, (fx.tmp / "g").string()), 0);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 1);
+  EXPECT_NE(fx.idx.getSampleForId(2), nullptr);
+  EXPECT_TRUE(cap.contains((fx.tmp / "g/g-sound.csv").string() + ":2: skipping row whose file name"));
+}
+
 TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
   StorageFixture fx;
   std::string dir = (fx.tmp / "g").string();
