@@ -320,6 +320,29 @@ TypeColumns typeColumns(AudioType type) {
   }
 }
 
+// Copies file `i` of `s` beside the exported CSV as "0xIIII-<name>"; the copy's
+// name. Audio of a container set comes from its chunk, never from the path its index
+// names (containerFilesHaveChunks ran first).
+std::string copyBesideCsv(const AudioSample& s, std::size_t i, bool fromContainer, const std::string& csvDir) {
+  const std::string& file = s.samples[i];
+  std::string copyName = strFormat("0x%04X-%s", s.id, std::string(_basename(file)).c_str());
+  std::string dest = csvDir + "/" + copyName;
+  int crc = fromContainer ? extractContainerFile(s.basepath, s.filechunks[i], dest) : copyFileAtomic(file, dest);
+  if (crc != 0) LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
+  return copyName;
+}
+
+// One exported row: numbers unquoted, texts quoted when they hold a comma or quote.
+std::string csvExportRow(const AudioSample& s, const std::string& fname) {
+  TypeColumns tc = typeColumns(s.type);
+  std::string shaker;
+  for (std::size_t k = 0; k < s.shakersequence.size(); ++k) shaker += (k ? "," : "") + std::to_string(s.shakersequence[k]);
+  std::string row = strFormat("0x%04X,%s,%u,%u,%s,%s,", s.id, tc.channel, s.ducking, s.gain, tc.loop, tc.stop);
+  row += csvQuoteIfNeeded(s.name) + "," + csvQuoteIfNeeded(fname) + ",," + csvQuoteIfNeeded(shaker) + "," +
+         csvQuoteIfNeeded(s.serialcmd) + "," + (s.preload ? "1" : "0") + ",," + audioTypeName(s.type) + "\n";
+  return row;
+}
+
 // A table is a file: a folder that happens to carry the name does not make a set.
 std::string findTableFile(const DirListing& dir, std::string_view name) {
   for (const auto& e : dir.entries())
@@ -457,35 +480,21 @@ int refreshCsvTable(const AudioSample& sample) {
 }
 
 int writeSamplesToCsv(SampleIndex& index, const std::string& csvPath, const std::string& basePath, bool copyFiles) {
+  if (copyFiles && !containerFilesHaveChunks(index)) {
+    LOG(LEVEL_ERROR, "export to %s refused: the container's index names files it does not hold", csvPath.c_str());
+    return -1;
+  }
   auto slash = csvPath.find_last_of('/');
   const std::string csvDir = slash == std::string::npos ? "." : csvPath.substr(0, slash);
   std::string out = "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n";
-  const bool fromContainer = index.setType() == XSNDFILE;
   int rows = 0;
   for (auto& node : index.samplesMap()) {
     const AudioSample* s = node.value.get();
     if (s == nullptr) continue;
-    TypeColumns tc = typeColumns(s->type);
-    std::string shaker;
-    for (std::size_t k = 0; k < s->shakersequence.size(); ++k) shaker += (k ? "," : "") + std::to_string(s->shakersequence[k]);
     for (std::size_t i = 0; i < s->samples.size(); ++i) {
-      const std::string& file = s->samples[i];
-      std::string fname = relativeTo(basePath, file);
-      if (copyFiles) {
-        std::string copyName = strFormat("0x%04X-%s", s->id, std::string(_basename(file)).c_str());
-        std::string dest = csvDir + "/" + copyName;
-        int crc;
-        if (fromContainer && i < s->filechunks.size()) {
-          crc = extractContainerFile(s->basepath, s->filechunks[i], dest);
-        } else {
-          crc = copyFileAtomic(file, dest);
-        }
-        if (crc != 0) LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
-        fname = copyName;
-      }
-      out += strFormat("0x%04X,%s,%u,%u,%s,%s,", s->id, tc.channel, s->ducking, s->gain, tc.loop, tc.stop);
-      out += csvQuoteIfNeeded(s->name) + "," + csvQuoteIfNeeded(fname) + ",," + csvQuoteIfNeeded(shaker) + "," +
-             csvQuoteIfNeeded(s->serialcmd) + "," + (s->preload ? "1" : "0") + ",," + audioTypeName(s->type) + "\n";
+      std::string fname = relativeTo(basePath, s->samples[i]);
+      if (copyFiles) fname = copyBesideCsv(*s, i, index.setType() == XSNDFILE, csvDir);
+      out += csvExportRow(*s, fname);
       ++rows;
     }
   }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/altsound.h"
@@ -26,7 +27,8 @@ void dropLastFile(AudioSample& s) {
 }
 
 int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std::string& baseName) {
-  FILE* f = fopen(s.basepath.c_str(), "r+b");
+  FileHandle file(fopen(s.basepath.c_str(), "r+b"));
+  FILE* f = file.get();
   if (f == nullptr) {
     LOG(LEVEL_ERROR, "failed to open '%s'", s.basepath.c_str());
     return -1;
@@ -48,7 +50,6 @@ int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std
       s.syncChunks();
     }
   }
-  fclose(f);
   return rc == 0 ? 0 : -1;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/sample_index.h"
@@ -20,6 +21,45 @@ constexpr std::size_t kMappingLineMax = 1023;
 constexpr std::size_t kMappingFileMax = 16u << 20;
 // Malformed lines are reported one by one up to this count, then summed up.
 constexpr int kReportedJunkLines = 5;
+
+// Reads at most kMappingFileMax bytes of a mapping file; false when it cannot be
+// opened. A damaged gzip stream keeps what was read before the damage.
+bool readGzipCapped(const std::string& path, std::string& content) {
+  GzHandle gz(gzopen(path.c_str(), "r"));
+  if (!gz) return false;
+  LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
+  char buf[8192];
+  int n;
+  while ((n = gzread(gz.get(), buf, sizeof buf)) > 0) {
+    if (content.size() + static_cast<std::size_t>(n) > kMappingFileMax) {
+      LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
+      return true;
+    }
+    content.append(buf, static_cast<std::size_t>(n));
+  }
+  if (n < 0) {
+    int err = 0;
+    const char* msg = gzerror(gz.get(), &err);
+    LOG(LEVEL_WARN, "mapping %s is damaged (%s), using the lines read so far", path.c_str(), msg ? msg : "?");
+  }
+  return true;
+}
+
+bool readPlainCapped(const std::string& path, std::string& content) {
+  FileHandle f(fopen(path.c_str(), "rb"));
+  if (!f) return false;
+  LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
+  char buf[8192];
+  std::size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f.get())) > 0) {
+    if (content.size() + n > kMappingFileMax) {
+      LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
+      return true;
+    }
+    content.append(buf, n);
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -43,49 +83,10 @@ int SampleIndex::loadHashMappingByName(const std::string& dir, const std::string
   std::string path = dir + "/" + name;
   bool gzip = !name.empty() && isdigit(static_cast<unsigned char>(name.front()));
   std::string content;
-  bool truncated = false;
-  if (gzip) {
-    gzFile gz = gzopen(path.c_str(), "r");
-    if (!gz) {
-      LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
-      return 0;
-    }
-    LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
-    char buf[8192];
-    int n;
-    while ((n = gzread(gz, buf, sizeof buf)) > 0) {
-      if (content.size() + static_cast<std::size_t>(n) > kMappingFileMax) {
-        truncated = true;
-        break;
-      }
-      content.append(buf, static_cast<std::size_t>(n));
-    }
-    if (n < 0) {
-      int err = 0;
-      const char* msg = gzerror(gz, &err);
-      LOG(LEVEL_WARN, "mapping %s is damaged (%s), using the lines read so far", path.c_str(), msg ? msg : "?");
-    }
-    gzclose(gz);
-  } else {
-    FILE* f = fopen(path.c_str(), "rb");
-    if (!f) {
-      LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
-      return 0;
-    }
-    LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
-    char buf[8192];
-    std::size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
-      if (content.size() + n > kMappingFileMax) {
-        truncated = true;
-        break;
-      }
-      content.append(buf, n);
-    }
-    fclose(f);
+  if (!(gzip ? readGzipCapped(path, content) : readPlainCapped(path, content))) {
+    LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
+    return 0;
   }
-  if (truncated) LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
-
   int junk = 0;
   int lineNo = 0;
   std::size_t pos = 0;

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/dir_listing.h"
@@ -30,11 +31,10 @@ AudioType groupTypeOf(std::string_view name) {
 constexpr std::size_t kSmallFileMax = 1024;
 
 bool readSmallFile(const std::string& path, std::string& out) {
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) return false;
   char buf[kSmallFileMax];
-  std::size_t n = fread(buf, 1, sizeof buf, f);
-  fclose(f);
+  std::size_t n = fread(buf, 1, sizeof buf, f.get());
   out.assign(buf, n);
   return true;
 }
