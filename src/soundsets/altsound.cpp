@@ -202,6 +202,27 @@ void installRecords(SampleIndex& index, std::vector<std::unique_ptr<AudioSample>
   LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap().mapSize(), path.c_str());
 }
 
+// The sound of the first g-sound row of an id: TYPE, GAIN and the music ducking of its
+// profile; named after the row's file.
+std::unique_ptr<AudioSample> gsoundRecord(uint32_t id, const std::string& setDir, const std::vector<CsvField>& f,
+                                          const IniSections& ini, const std::string& file) {
+  auto at = [&](std::size_t k) { return k < f.size() ? f[k].value : std::string(); };
+  auto rec = newAudioSampleForId(id);
+  rec->basepath = setDir;
+  std::string gtype = toLower(at(1));
+  rec->type = gtype == "music" ? MUSIC : gtype == "callout" ? VOICE : gtype == "solo" ? SINGLE
+              : gtype == "overlay" ? JINGLE : SFX;
+  int gain = 50;
+  if (!parseIntField(at(2), gain)) rec->gaindefault = true;
+  rec->gain = static_cast<uint32_t>(std::max(gain, 0));
+  int profile = 0;
+  parseIntField(at(3), profile);
+  rec->ducking = musicDucking(ini, gtype, profile);
+  std::string base(_basename(file));
+  rec->name = base.substr(0, base.find_last_of('.'));
+  return rec;
+}
+
 int readGSound(SampleIndex& index, const std::string& setDir, const std::string& path) {
   CsvTable t;
   if (!t.load(path)) {
@@ -230,20 +251,8 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
     if (!resolver.rowFile(path, i + 1, at(4), file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {
-      records.push_back(newAudioSampleForId(id));
+      records.push_back(gsoundRecord(id, setDir, f, ini, file));
       rec = records.back().get();
-      rec->basepath = setDir;
-      std::string gtype = toLower(at(1));
-      rec->type = gtype == "music" ? MUSIC : gtype == "callout" ? VOICE : gtype == "solo" ? SINGLE
-                  : gtype == "overlay" ? JINGLE : SFX;
-      int gain = 50;
-      if (!parseIntField(at(2), gain)) rec->gaindefault = true;
-      rec->gain = static_cast<uint32_t>(std::max(gain, 0));
-      int profile = 0;
-      parseIntField(at(3), profile);
-      rec->ducking = musicDucking(ini, gtype, profile);
-      std::string base(_basename(file));
-      rec->name = base.substr(0, base.find_last_of('.'));
     }
     rec->samples.push_back(file);
   }

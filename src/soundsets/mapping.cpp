@@ -61,6 +61,26 @@ bool readPlainCapped(const std::string& path, std::string& content) {
   return true;
 }
 
+// A rename is one step on the same file system; a copy is the fallback across file
+// systems, and the old tree goes only once the copy is complete.
+bool moveTree(const std::filesystem::path& oldDir, const std::filesystem::path& newDir) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::rename(oldDir, newDir, ec);
+  if (!ec) return true;
+  ec.clear();
+  fs::copy(oldDir, newDir, fs::copy_options::recursive, ec);
+  if (ec) {
+    LOG(LEVEL_ERROR, "copy %s to %s failed: %s", oldDir.c_str(), newDir.c_str(), ec.message().c_str());
+    std::error_code ignore;
+    fs::remove_all(newDir, ignore);
+    return false;
+  }
+  fs::remove_all(oldDir, ec);
+  if (ec) LOG(LEVEL_WARN, "cannot remove %s: %s", oldDir.c_str(), ec.message().c_str());
+  return true;
+}
+
 }  // namespace
 
 void SampleIndex::initHashesMap() { mapping_.hashes.clear(); }
@@ -139,21 +159,7 @@ int SampleIndex::moveSoundToGroup(unsigned id, int type) {
     return 1;
   }
   fs::create_directories(groupDir, ec);
-  // A rename is one step on the same file system; a copy is the fallback across file
-  // systems, and the old tree goes only once the copy is complete.
-  fs::rename(oldDir, newDir, ec);
-  if (ec) {
-    ec.clear();
-    fs::copy(oldDir, newDir, fs::copy_options::recursive, ec);
-    if (ec) {
-      LOG(LEVEL_ERROR, "copy %s to %s failed: %s", oldDir.c_str(), newDir.c_str(), ec.message().c_str());
-      std::error_code ignore;
-      fs::remove_all(newDir, ignore);
-      return 1;
-    }
-    fs::remove_all(oldDir, ec);
-    if (ec) LOG(LEVEL_WARN, "cannot remove %s: %s", oldDir.c_str(), ec.message().c_str());
-  }
+  if (!moveTree(oldDir, newDir)) return 1;
   std::string oldPrefix = oldDir.string() + "/";
   std::string newPrefix = newDir.string() + "/";
   for (auto& file : s->samples)

@@ -117,6 +117,16 @@ int duckingIn(const DirListing& dir, int typeDefault, AudioSample* sample) {
   return value;
 }
 
+// A scrambled set whose mapping misses some sounds: each one left under its
+// scrambled id is named.
+void logUnmapped(const SoundSet& set) {
+  for (const AudioSample* s : set.samples) {
+    if (s->type == UNKNOWN || s->magic != 0) continue;
+    LOG(LEVEL_ERROR, "unmapped sample %010u 0x%08x 0x%08x, type: %s, gain: %d, name: %s, path: %s", s->id, s->id,
+        s->magic, audioTypeName(s->type), static_cast<int>(s->gain), s->name.c_str(), s->firstPath().c_str());
+  }
+}
+
 }  // namespace
 
 bool isAudioFileType(std::string_view fileName) {
@@ -289,11 +299,35 @@ void SampleIndex::fillSetSamples(SoundSet& set) {
   }
 }
 
+int SampleIndex::loadTree(SoundSet& set, int copyMapping) {
+  clearSamples();
+  int haveMapping = loadHashMapping(set.basedir);
+  readSoundConfig(set);
+  scanAll(set.basedir);
+  std::string shared = mapping_.configsDir + "/" + strFormat("%u.mellosnd", scan_.hashOfAllIds);
+  if (copyMapping && haveMapping && scan_.scrambledIds) {
+    std::string from = set.basedir + "/config.mellosnd";
+    std::error_code ec;
+    std::filesystem::create_directories(mapping_.configsDir, ec);
+    LOG(LEVEL_INFO, "copy mapping from %s to %s", from.c_str(), shared.c_str());
+    copyFileAtomic(from, shared);
+  }
+  if (!haveMapping && scan_.scrambledIds && !scan_.haveFilenameNumbers) {
+    if (!loadHashMappingByName(mapping_.configsDir, strFormat("%u.mellosnd", scan_.hashOfAllIds))) {
+      LOG(LEVEL_ERROR, "looks like a scrambled soundset is used, but no mapping provided");
+      return 1;
+    }
+    // The set's own file is not the one the mapping came from: edits go to a file
+    // of their own.
+    config_.configFileToWrite = "config.ini";
+    clearSamples();
+    scanAll(set.basedir);
+  }
+  return 0;
+}
+
 int SampleIndex::initSamples(SoundSet& set, int copyMapping) {
-  scan_.hashOfAllIds = 0;
-  scan_.scrambledIds = 0;
-  scan_.haveFilenameNumbers = 0;
-  scan_.hashingIsUsed = 0;
+  scan_ = ScanState{};
   config_.setType = set.type;
   // Until this set's configuration is read, edits have nowhere to go (a container set
   // has none): they must never land in the previous set's file.
@@ -312,43 +346,16 @@ int SampleIndex::initSamples(SoundSet& set, int copyMapping) {
       break;
     case PINSOUND:
     case ZIPFILE:
-    default: {
-      clearSamples();
-      int haveMapping = loadHashMapping(set.basedir);
-      readSoundConfig(set);
-      scanAll(set.basedir);
-      std::string shared = mapping_.configsDir + "/" + strFormat("%u.mellosnd", scan_.hashOfAllIds);
-      if (copyMapping && haveMapping && scan_.scrambledIds) {
-        std::string from = set.basedir + "/config.mellosnd";
-        std::error_code ec;
-        std::filesystem::create_directories(mapping_.configsDir, ec);
-        LOG(LEVEL_INFO, "copy mapping from %s to %s", from.c_str(), shared.c_str());
-        copyFileAtomic(from, shared);
-      }
-      if (!haveMapping && scan_.scrambledIds && !scan_.haveFilenameNumbers) {
-        if (!loadHashMappingByName(mapping_.configsDir, strFormat("%u.mellosnd", scan_.hashOfAllIds))) {
-          LOG(LEVEL_ERROR, "looks like a scrambled soundset is used, but no mapping provided");
-          fillSetSamples(set);
-          return 1;
-        }
-        // The set's own file is not the one the mapping came from: edits go to a file
-        // of their own.
-        config_.configFileToWrite = "config.ini";
-        clearSamples();
-        scanAll(set.basedir);
+    default:
+      if (loadTree(set, copyMapping) != 0) {
+        fillSetSamples(set);
+        return 1;
       }
       break;
-    }
   }
   fillSetSamples(set);
   LOG(LEVEL_DEBUG, "scanned %d sounds, using %d hashes", samples_.mapSize(), mapping_.hashes.mapSize());
-  if (scan_.hashingIsUsed) {
-    for (AudioSample* s : set.samples) {
-      if (s->type == UNKNOWN || s->magic != 0) continue;
-      LOG(LEVEL_ERROR, "unmapped sample %010u 0x%08x 0x%08x, type: %s, gain: %d, name: %s, path: %s", s->id, s->id,
-          s->magic, audioTypeName(s->type), static_cast<int>(s->gain), s->name.c_str(), s->firstPath().c_str());
-    }
-  }
+  if (scan_.hashingIsUsed) logUnmapped(set);
   return result;
 }
 

@@ -151,6 +151,11 @@ class SampleIndex {
   int loadContainer(SoundSet& set);
   int loadAltSound(SoundSet& set);
   int applyConfigLine(std::string_view line, const char* fileName, PendingConfig& pending);
+  // Both configuration files of `dir`, later lines winning; false when neither exists.
+  bool readConfigFiles(const std::string& dir, PendingConfig& pending);
+  void applyPending(SoundSet& set, const PendingConfig& pending);
+  // The PINSOUND / ZIPFILE branch of initSamples.
+  int loadTree(SoundSet& set, int copyMapping);
   static std::size_t typeIndex(int type) {
     return type >= 0 && type < kAudioTypeCount ? static_cast<std::size_t>(type) : 0;
   }

@@ -90,6 +90,25 @@ struct SampleIndex::PendingConfig {
   }
 };
 
+namespace {
+
+bool inRange(const ConfigKey& k, int v) {
+  switch (k.target) {
+    case T_DUCKING:
+    case T_GAIN:
+      return v >= 0 && v <= 100;
+    case T_VENDOR:
+      return v >= 0 && v < kProtocolCount;
+    case T_FADE_TIME:
+    case T_ATTRACT:
+      return v >= 0;
+    default:
+      return true;
+  }
+}
+
+}  // namespace
+
 int SampleIndex::applyConfigLine(std::string_view line, const char* fileName, PendingConfig& p) {
   std::size_t end = line.find_first_of("\r\n");
   if (end != std::string_view::npos) line = line.substr(0, end);
@@ -102,23 +121,7 @@ int SampleIndex::applyConfigLine(std::string_view line, const char* fileName, Pe
       return -1;
     }
     int v = **m;
-    bool valid = true;
-    switch (k.target) {
-      case T_DUCKING:
-      case T_GAIN:
-        valid = v >= 0 && v <= 100;
-        break;
-      case T_VENDOR:
-        valid = v >= 0 && v < kProtocolCount;
-        break;
-      case T_FADE_TIME:
-      case T_ATTRACT:
-        valid = v >= 0;
-        break;
-      default:
-        break;
-    }
-    if (!valid) {
+    if (!inRange(k, v)) {
       LOG(LEVEL_WARN, "%s: value %d of %s out of range, ignored", fileName, v, k.name);
       return -1;
     }
@@ -144,19 +147,14 @@ int SampleIndex::applySetConfigLine(std::string_view line, const char* fileName)
   return applyConfigLine(line, fileName, p);
 }
 
-void SampleIndex::readSoundConfig(SoundSet& set) {
-  config_.setPreload = -1;
-  config_.setVendor = -1;
-  config_.configBase = set.basedir;
-  config_.setType = set.type;
-  PendingConfig p;
+bool SampleIndex::readConfigFiles(const std::string& dir, PendingConfig& p) {
   bool found = false;
   for (const char* name : {"config.ini", "config.mellosnd"}) {
-    std::string path = set.basedir + "/" + name;
+    std::string path = dir + "/" + name;
     std::string content;
     LOG(LEVEL_DEBUG, "reading config from: %s", path.c_str());
     if (!readWholeFile(path, content)) {
-      LOG(LEVEL_DEBUG, "config %s not found in %s", name, set.basedir.c_str());
+      LOG(LEVEL_DEBUG, "config %s not found in %s", name, dir.c_str());
       continue;
     }
     found = true;
@@ -168,9 +166,10 @@ void SampleIndex::readSoundConfig(SoundSet& set) {
       pos = end + 1;
     }
   }
-  config_.configFileToWrite = fileExists(set.basedir + "/config.mellosnd") ? "config.mellosnd" : "config.ini";
-  if (!found) return;
+  return found;
+}
 
+void SampleIndex::applyPending(SoundSet& set, const PendingConfig& p) {
   for (int t = 0; t < kAudioTypeCount; ++t) {
     int g = p.gain[t];
     if (g >= 0) {
@@ -193,7 +192,18 @@ void SampleIndex::readSoundConfig(SoundSet& set) {
   set.attract_timeout = static_cast<uint32_t>(settings_.attractTimeOut);
   config_.setPreload = p.preload;
   config_.setVendor = p.vendor;
+}
 
+void SampleIndex::readSoundConfig(SoundSet& set) {
+  config_.setPreload = -1;
+  config_.setVendor = -1;
+  config_.configBase = set.basedir;
+  config_.setType = set.type;
+  PendingConfig p;
+  const bool found = readConfigFiles(set.basedir, p);
+  config_.configFileToWrite = fileExists(set.basedir + "/config.mellosnd") ? "config.mellosnd" : "config.ini";
+  if (!found) return;
+  applyPending(set, p);
   setupDuckingConfig();
   if (config_.setPreload == 1) settings_.preloadThreshold = 1;
   bool captureRuns = hooks_.captureStarted && hooks_.captureStarted();
