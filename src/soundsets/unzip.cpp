@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <vector>
 
 #include "base/fileutil.h"
 #include "base/handles.h"
@@ -190,12 +191,16 @@ bool mergeIsSafe(const std::string& from, const std::string& to, const std::stri
 // Moves the staged tree into `to`: new names by rename, existing directories entry by
 // entry, existing files replaced by rename. mergeIsSafe ran first.
 bool mergeInto(const std::string& from, const std::string& to) {
-  DirHandle d(opendir(from.c_str()));
-  if (!d) return false;
+  std::vector<std::string> names;  // read first: the loop below empties the directory
+  {
+    DirHandle d(opendir(from.c_str()));
+    if (!d) return false;
+    while (dirent* e = readdir(d.get()))
+      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
+  }
   bool ok = true;
-  while (dirent* e = readdir(d.get())) {
-    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-    const std::string src = from + "/" + e->d_name, dst = to + "/" + e->d_name;
+  for (const std::string& name : names) {
+    const std::string src = from + "/" + name, dst = to + "/" + name;
     struct stat t{};
     if (::lstat(dst.c_str(), &t) == 0 && S_ISDIR(t.st_mode)) {
       ok = mergeInto(src, dst) && ok;

@@ -53,6 +53,18 @@ TEST(Catalogue, AltSoundTablesAreFoundUnderEveryNameAndCase) {
     names.insert(cat.get(i)->name);
   }
   EXPECT_EQ(names, (std::set<std::string>{"upper", "lower", "mixed", "plain"}));
+  // A listed pack also loads under its upper-case table name.
+  writeFile(base / "upper/G-SOUND.CSV", "ID,TYPE,GAIN,DUCKING_PROFILE,FNAME\n0x05,callout,50,0,A.OGG\n");
+  writeFile(base / "upper/a.ogg", "x");
+  for (int i = 1; i <= cat.maxSoundSets; ++i) {
+    if (cat.get(i)->name != "upper") continue;
+    Settings s;
+    SampleIndex idx(s);
+    ASSERT_EQ(idx.initSamples(*cat.get(i), 0), 0);
+    ASSERT_NE(idx.getSampleForId(5), nullptr);
+    EXPECT_EQ(idx.getSampleForId(5)->type, VOICE);
+    EXPECT_EQ(idx.getSampleForId(5)->samples, std::vector<std::string>{base.str() + "/upper/a.ogg"});
+  }
 }
 
 TEST(Catalogue, AtMostTenAndUnreadableBase) {
