@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
 #include "soundsets/xsnd.h"
@@ -110,9 +111,9 @@ struct SetFixture : StorageFixture {
 
 inline void writeGzip(const std::filesystem::path& p, const std::string& content) {
   std::filesystem::create_directories(p.parent_path());
-  gzFile gz = gzopen(p.c_str(), "wb");
-  gzwrite(gz, content.data(), static_cast<unsigned>(content.size()));
-  gzclose(gz);
+  GzHandle gz(gzopen(p.c_str(), "wb"));
+  ASSERT_TRUE(gz);
+  gzwrite(gz.get(), content.data(), static_cast<unsigned>(content.size()));
 }
 
 // Runs argv with stdin from `inPath` and stdout to `outPath`; the exit status.

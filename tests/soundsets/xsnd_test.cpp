@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "storage_fixture.h"
 
@@ -45,8 +46,9 @@ std::string protocDecode(const test::TempDir& tmp, const std::string& b) {
 
 TEST(XsndFraming, ReadingChecksTheNameNotTheLength) {
   test::TempDir tmp;
-  FILE* f = fopen((tmp / "h.bin").c_str(), "w+b");
-  ASSERT_TRUE(f);
+  FileHandle file(fopen((tmp / "h.bin").c_str(), "w+b"));
+  ASSERT_TRUE(file);
+  FILE* f = file.get();
   writeChunkHeader(f, makeChunkHeader("xSMP", 42));
   long placeholder = writeChunkHeaderPlaceHolder(f);
   writeUint16(f, 0xBEEF);
@@ -63,7 +65,6 @@ TEST(XsndFraming, ReadingChecksTheNameNotTheLength) {
   test::LogCapture cap;
   EXPECT_EQ(readChunkHeader(f, h), -1);
   EXPECT_TRUE(cap.contains("invalid header"));
-  fclose(f);
 }
 
 TEST(XsndContainer, EmptySetIsHeaderVersionAndIndex) {
@@ -163,11 +164,10 @@ TEST(XsndContainer, DeletedAndAppendedChunksAndLookalikesKeepTheIndexReadable) {
   const std::string big(1500000, 'B');
   test::writeFile(fx.tmp / "big.ogg", big);
   for (int i = 0; i < 2; ++i) {
-    FILE* f = fopen(path.c_str(), "r+b");
+    FileHandle f(fopen(path.c_str(), "r+b"));
     ASSERT_TRUE(f);
-    fseek(f, 0, SEEK_END);
-    ASSERT_EQ(writeFileChunk(f, (fx.tmp / "big.ogg").string(), *r, 2 + i), 0);
-    fclose(f);
+    fseek(f.get(), 0, SEEK_END);
+    ASSERT_EQ(writeFileChunk(f.get(), (fx.tmp / "big.ogg").string(), *r, 2 + i), 0);
   }
   const std::string bytes = test::readFile(path);
   EXPECT_EQ(bytes.substr(r->filechunks[3].offset), big);

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "support/testutil.h"
 
@@ -16,7 +17,8 @@ namespace fs = std::filesystem;
 // are, hostile ones included.
 void makeZip(const std::string& path, const std::vector<std::pair<std::string, std::string>>& entries) {
   int err = 0;
-  zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+  ZipHandle archive(zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err));
+  zip_t* za = archive.get();
   ASSERT_TRUE(za);
   for (const auto& [name, content] : entries) {
     void* copy = malloc(content.size() + 1);  // libzip reads it at close, then frees it
@@ -25,6 +27,7 @@ void makeZip(const std::string& path, const std::vector<std::pair<std::string, s
     ASSERT_GE(zip_file_add(za, name.c_str(), src, ZIP_FL_ENC_RAW), 0) << name;
   }
   ASSERT_EQ(zip_close(za), 0);
+  archive.release();  // closed
 }
 
 std::vector<std::string> treeOf(const fs::path& root) {
