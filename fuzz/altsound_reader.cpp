@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   korvo::writeFileAtomic(dir + (gsound ? "/g-sound.csv" : "/altsound.csv"), size ? bytes.substr(1) : bytes);
   korvo::SampleIndex index;
   if (korvo::readSamplesFromCsv(index, dir) != 0) return 0;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     korvo::AudioSample& s = *node.value;
     korvo::updateCsvColumn(s, korvo::SampleIndex::CSV_SERIAL, "x,\"y\"");
     s.type = korvo::MUSIC;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
@@ -30,14 +31,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& dir = tempDir();
   const char* name = (data[0] & 1) ? "1.mellosnd" : "config.mellosnd";
   std::string path = dir + "/" + name;
-  if (FILE* f = fopen(path.c_str(), "wb")) {
-    fwrite(data + 1, 1, size - 1, f);
-    fclose(f);
-  }
+  if (korvo::FileHandle f{fopen(path.c_str(), "wb")}) fwrite(data + 1, 1, size - 1, f.get());
   static korvo::Settings s;
   korvo::SampleIndex idx(s);
   idx.loadHashMappingByName(dir, name);
-  for (const auto& node : idx.hashesMap) (void)node.value;
+  for (const auto& node : idx.hashesMap()) (void)node.value;
   // Each line again on its own, as the reader hands it over.
   idx.handleLine(std::string_view(reinterpret_cast<const char*>(data), size));
   unlink(path.c_str());

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
@@ -40,13 +41,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   korvo::SoundSet set;
   set.basedir = tempDir();
   set.type = (size > 0 && (data[0] & 1)) ? korvo::PINSOUND : korvo::ALTSOUND;
-  if (FILE* f = fopen((set.basedir + "/config.ini").c_str(), "wb")) {
-    fwrite(data, 1, size, f);
-    fclose(f);
-  }
+  if (korvo::FileHandle f{fopen((set.basedir + "/config.ini").c_str(), "wb")}) fwrite(data, 1, size, f.get());
   idx.readSoundConfig(set);
   for (int t = 0; t < korvo::kAudioTypeCount; ++t) {
-    if (idx.gainByType[t] < 0 || idx.gainByType[t] > 100 || idx.duckingByType[t] < 0 || idx.duckingByType[t] > 100)
+    if (idx.gainByType(t) < 0 || idx.gainByType(t) > 100 || idx.duckingByType(t) < 0 || idx.duckingByType(t) > 100)
       abort();  // the tables must only ever hold percentages
   }
   if (s.protocol.load() < 0 || s.protocol.load() >= korvo::kProtocolCount) abort();

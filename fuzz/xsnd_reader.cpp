@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
@@ -27,14 +28,15 @@ std::string scratchFile() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = scratchFile();
   korvo::setLogLevel(korvo::LEVEL_NONE);
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) return 0;
-  fwrite(data, 1, size, f);
-  fclose(f);
+  {
+    korvo::FileHandle f(fopen(path.c_str(), "wb"));
+    if (!f) return 0;
+    fwrite(data, 1, size, f.get());
+  }
   korvo::SampleIndex index;
   if (korvo::readSamplesFromBinary(index, path) != 0) return 0;
   int streams = 0;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     const korvo::AudioSample* s = node.value.get();
     for (std::size_t i = 0; i <= s->samples.size() && streams < 8; ++i, ++streams) {
       SDL_RWops* rw = korvo::makeCompoundRW(path.c_str(), s, static_cast<int>(i));

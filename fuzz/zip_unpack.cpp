@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "soundsets/unzip.h"
 
@@ -32,12 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::error_code ec;
   fs::remove_all(target, ec);
   fs::create_directories(target, ec);
-  FILE* f = fopen(archive.c_str(), "wb");
-  if (f == nullptr) return 0;
-  fwrite(data, 1, size, f);
-  fclose(f);
+  {
+    korvo::FileHandle f(fopen(archive.c_str(), "wb"));
+    if (!f) return 0;
+    fwrite(data, 1, size, f.get());
+  }
   korvo::unzip(archive.c_str(), target.c_str());
-  // Only the archive and the target may exist beside each other.
+  // Only the archive and the target may exist beside each other: the staging
+  // directory of a failed or finished unpack is gone.
   for (const auto& e : fs::directory_iterator(dir, ec)) {
     const std::string name = e.path().filename().string();
     if (name != "in.zip" && name != "target") abort();

@@ -182,7 +182,7 @@ int main(int argc, char** argv) {
       std::vector<unsigned> ids;
       {
         auto lk = engine.lock();
-        ids = engine.index().samplesMap.keys();
+        ids = engine.index().samplesMap().keys();
         std::sort(ids.begin(), ids.end());
       }
       for (unsigned id : ids) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "core/settings.h"
 #include "base/stringutil.h"
@@ -78,11 +79,11 @@ int main() {
     korvo::SoundSet set;
     set.basedir = base.string();
     idx.initSamples(set, 0);
-    loaded = idx.samplesMap.mapSize();
+    loaded = idx.samplesMap().mapSize();
   };
   // At the default level every sound is logged; the log goes nowhere here.
-  FILE* devnull = fopen("/dev/null", "w");
-  korvo::setLogDevice(devnull);
+  korvo::FileHandle devnull(fopen("/dev/null", "w"));
+  korvo::setLogDevice(devnull.get());
   double bestWalk = 1e30, bestInfo = 1e30, bestDebug = 1e30;
   for (int r = 0; r < kRounds; ++r) {
     bestWalk = std::min(bestWalk, timeMs(walk));
@@ -92,7 +93,6 @@ int main() {
     bestDebug = std::min(bestDebug, timeMs(scan));
   }
   korvo::setLogDevice(stdout);
-  fclose(devnull);
   double walkMs = bestWalk, scanInfo = bestInfo, scanDebug = bestDebug;
 
   printf("tree: %d sounds, %zu entries walked, %d sounds loaded\n", kSounds, walked, loaded);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Audio.pb-c.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
@@ -52,17 +53,15 @@ std::pair<double, double> pairedMedianMs(const std::function<void()>& a, const s
 }
 
 void copyAll(const std::vector<std::string>& files, const std::string& out) {
-  FILE* o = fopen(out.c_str(), "wb");
+  korvo::FileHandle o(fopen(out.c_str(), "wb"));
   char buf[4096];
   for (const auto& f : files) {
-    FILE* in = fopen(f.c_str(), "rb");
+    korvo::FileHandle in(fopen(f.c_str(), "rb"));
     size_t n;
-    while ((n = fread(buf, 1, sizeof buf, in)) > 0) fwrite(buf, 1, n, o);
-    fclose(in);
+    while ((n = fread(buf, 1, sizeof buf, in.get())) > 0) fwrite(buf, 1, n, o.get());
   }
-  fflush(o);
-  fsync(fileno(o));
-  fclose(o);
+  fflush(o.get());
+  fsync(fileno(o.get()));
 }
 
 struct MetaPlace {
@@ -73,9 +72,8 @@ struct MetaPlace {
 
 MetaPlace findMeta(const std::string& path) {
   std::string b(fs::file_size(path), '\0');
-  FILE* f = fopen(path.c_str(), "rb");
-  fread(b.data(), 1, b.size(), f);
-  fclose(f);
+  korvo::FileHandle f(fopen(path.c_str(), "rb"));
+  if (fread(b.data(), 1, b.size(), f.get()) != b.size()) return {};
   auto be32 = [&](size_t at) {
     return (uint32_t(uint8_t(b[at])) << 24) | (uint32_t(uint8_t(b[at + 1])) << 16) | (uint32_t(uint8_t(b[at + 2])) << 8) |
            uint32_t(uint8_t(b[at + 3]));
@@ -108,9 +106,8 @@ int main(int argc, char** argv) {
     rec->ducking = 80;
     std::string path = (dir / "set" / (std::to_string(id) + ".ogg")).string();
     std::string content(4096 + rng() % 28672, static_cast<char>(id));
-    FILE* f = fopen(path.c_str(), "wb");
-    fwrite(content.data(), 1, content.size(), f);
-    fclose(f);
+    korvo::FileHandle f(fopen(path.c_str(), "wb"));
+    fwrite(content.data(), 1, content.size(), f.get());
     bytes += content.size();
     rec->samples.push_back(path);
     files.push_back(path);

@@ -83,7 +83,7 @@ void Korvo::createSoundEngine() {
   ProtocolHandlers* handlers = handlers_.get();
   h.suppressNotFound = [handlers](int id) { return handlers->suppressNotFound(id) != 0; };
   h.gpio = gpio_.get();
-  engine_->index().hooks.captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
+  engine_->index().hooks().captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
 }
 
 void Korvo::writeConversions(int setCount) {

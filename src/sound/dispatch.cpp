@@ -73,7 +73,7 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
       break;
     case JINGLE:
       fadeJingleSingleLocked(300);
-      if (!index_.duckingIsActive) fadeMusicLocked(300);
+      if (!index_.duckingIsActive()) fadeMusicLocked(300);
       playSampleLocked(id, idx, overrideVol);
       break;
     case SINGLE:
@@ -164,7 +164,7 @@ void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
 
 int SoundEngine::getVolumeForSample(const AudioSample* sample, int overideVol) {
   const int type = sample->type >= 0 && sample->type < kAudioTypeCount ? sample->type : 0;
-  const int typeGain = index_.gainByType[static_cast<std::size_t>(type)];
+  const int typeGain = index_.gainByType(type);
   int relative;
   if (overideVol == -1)
     relative = static_cast<int>(sample->gain) + typeGain - 100;
@@ -349,11 +349,11 @@ int SoundEngine::sendI2CCmd(const char* cmd) {
 
 int SoundEngine::randomSampleId() {
   Lock lk(*this);
-  const int n = index_.samplesMap.mapSize();
+  const int n = index_.samplesMap().mapSize();
   if (n <= 0) return -1;
   const int r = std::rand() % n;
   int i = 0;
-  for (auto& node : index_.samplesMap)
+  for (auto& node : index_.samplesMap())
     if (i++ == r) return static_cast<int>(node.key);
   return -1;
 }

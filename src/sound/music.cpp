@@ -213,7 +213,7 @@ int SoundEngine::getCurrentDucking() {
 }
 
 int SoundEngine::getCurrentDuckingLocked() {
-  if (!index_.duckingIsActive) return 100;
+  if (!index_.duckingIsActive()) return 100;
   int ducking = 100;
   for (int ch = 0; ch < kMixChannels; ch++) {
     const unsigned id = idPlayingOnChannel_[ch].load();

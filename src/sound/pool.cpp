@@ -77,7 +77,7 @@ int SoundEngine::tryToFreeSamplesLocked(unsigned id) {
   LOG(LEVEL_DEBUG, "try To free anything but %u", id);
   AudioSample* victim = nullptr;
   uint32_t best = 0xFFFFFFFFu;
-  for (auto& node : index_.samplesMap) {
+  for (auto& node : index_.samplesMap()) {
     AudioSample* s = node.value.get();
     if (!s || node.key == id || s->id == id) continue;
     if (!s->isLoaded(0) || s->isplayingonchannel != AudioSample::kNotPlaying) continue;
@@ -130,14 +130,14 @@ void SoundEngine::stopAllSamplesLocked() {
   }
   // Reports of the halted plays are already on the ring; records whose id the hook
   // took first are cleared here.
-  for (auto& node : index_.samplesMap)
+  for (auto& node : index_.samplesMap())
     if (node.value) node.value->isplayingonchannel = AudioSample::kNotPlaying;
 }
 
 int SoundEngine::countPreloads() {
   Lock lk(*this);
   int n = 0;
-  for (auto& node : index_.samplesMap)
+  for (auto& node : index_.samplesMap())
     if (node.value && node.value->preload) n++;
   return n;
 }
@@ -314,7 +314,7 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
   // A set without configuration keeps the type tables: ducking follows them too.
   index_.setupDuckingConfig();
   int preloads = 0;
-  for (auto& node : index_.samplesMap) {
+  for (auto& node : index_.samplesMap()) {
     AudioSample* s = node.value.get();
     if (!s) continue;
     s->isplayingonchannel = AudioSample::kNotPlaying;
@@ -325,7 +325,7 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
     if (settings_.sayPreload) playSystemSoundWithOverrideLocked(&lk, "preloading.ogg", 1, set->basedir.c_str());
     // Waiting released the lock: walk the ids afresh, the records are the index's.
     int done = 0;
-    for (unsigned id : index_.samplesMap.keys()) {
+    for (unsigned id : index_.samplesMap().keys()) {
       AudioSample* s = index_.getSampleForId(id);
       if (!s || !s->preload || s->samples.empty()) continue;
       loadSampleLocked(static_cast<int>(id));
@@ -334,8 +334,8 @@ int SoundEngine::loadSoundSetLocked(Lock& lk, SoundSet* set, int number) {
     LOG(LEVEL_INFO, "preloaded %d samples, pool used: %s", done, readableSize(bytesUsedForLoadedSamples_).c_str());
     if (settings_.sayPreload) playSystemSoundWithOverrideLocked(&lk, "click.ogg", 1, set->basedir.c_str());
   }
-  LOG(LEVEL_INFO, "soundset %d loaded: %d sounds, ducking %s", number, index_.samplesMap.mapSize(),
-      index_.duckingIsActive ? "on" : "off");
+  LOG(LEVEL_INFO, "soundset %d loaded: %d sounds, ducking %s", number, index_.samplesMap().mapSize(),
+      index_.duckingIsActive() ? "on" : "off");
   loadingSoundSet_.store(0);
   if (announceSoundSet_ && deviceOpen_) {
     playSystemSoundWithOverrideLocked(&lk, "soundset.ogg", 1, set->basedir.c_str());

@@ -47,7 +47,7 @@ void SoundEngine::EngineLock::unlock() {
 
 SoundEngine::SoundEngine(Settings& s) : settings_(s), index_(s) {
   // The index calls this with the engine lock held (a type gain changed).
-  index_.hooks.reapplyVolume = [this] { setVolumeLocked(settings_.volume.load()); };
+  index_.hooks().reapplyVolume = [this] { setVolumeLocked(settings_.volume.load()); };
   for (int i = 0; i < kMixChannels; i++) {
     idPlayingOnChannel_[i].store(kChannelIdle);
     channelGen_[i].store(0);
@@ -175,7 +175,7 @@ void SoundEngine::closeDevice() {
   systemSoundMix_.reset();
   lastSystemSound_.clear();
   // Chunks must not outlive the device they were converted for.
-  for (auto& node : index_.samplesMap) {
+  for (auto& node : index_.samplesMap()) {
     if (node.value) node.value->unloadChunks();
   }
   bytesUsedForLoadedSamples_ = 0;

@@ -170,7 +170,7 @@ void SoundEngine::channelFinishedLocked(const SoundServiceRequest& req) {
   AudioSample* s = getSampleForId(req.id);
   if (current && s && s->isplayingonchannel == ch) s->isplayingonchannel = AudioSample::kNotPlaying;
   doCheckDucking(ch);
-  if (current && s && !index_.duckingIsActive && s->type == JINGLE) resumeMusicLocked(300);
+  if (current && s && !index_.duckingIsActive() && s->type == JINGLE) resumeMusicLocked(300);
 }
 
 }  // namespace korvo

@@ -26,17 +26,17 @@ class PathResolver {
  public:
   explicit PathResolver(std::string setDir) : setDir_(std::move(setDir)) {}
 
+  enum Outcome { FOUND, MISSING, OUTSIDE, DIRECTORY };
   // The path of `fname` below the set directory, each component matched ignoring
-  // case. False (and `out` empty) when the name would leave the set directory;
-  // `missing` tells whether the file exists.
-  bool resolve(std::string_view fname, std::string& out, bool& missing) {
+  // case. OUTSIDE (and `out` empty) when the name would leave the set directory;
+  // DIRECTORY when it names one (".", "./", a folder): a row needs a file.
+  Outcome resolve(std::string_view fname, std::string& out) {
     std::string name(trim(fname));
     for (auto& c : name)
       if (c == '\\') c = '/';
     while (startsWithMatchCase(name, "./")) name.erase(0, 2);
     out.clear();
-    missing = false;
-    if (name.empty() || !isContainedPath(name)) return false;
+    if (name.empty() || !isContainedPath(name)) return name.empty() ? DIRECTORY : OUTSIDE;
     std::string cur = setDir_;
     std::size_t start = 0;
     while (start < name.size()) {
@@ -46,15 +46,35 @@ class PathResolver {
       if (!comp.empty() && comp != ".") {
         std::string found = listing(cur).find(comp);
         if (found.empty()) {
-          missing = true;
           out = cur + "/" + name.substr(start);
-          return true;
+          return name.back() == '/' ? DIRECTORY : MISSING;
         }
         cur = found;
       }
       start = end + 1;
     }
     out = cur;
+    return isDirectory(cur) ? DIRECTORY : FOUND;
+  }
+
+  // The file of row `line` of `table`, or false when the row is to be skipped (a WARN
+  // line names the table and the line). A missing file is reported once and kept.
+  bool rowFile(const std::string& table, std::size_t line, std::string_view fname, std::string& file) {
+    switch (resolve(fname, file)) {
+      case OUTSIDE:
+        LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%.*s'", table.c_str(), line,
+            static_cast<int>(fname.size()), fname.data());
+        return false;
+      case DIRECTORY:
+        LOG(LEVEL_WARN, "%s:%zu: skipping row whose file name '%.*s' names a directory", table.c_str(), line,
+            static_cast<int>(fname.size()), fname.data());
+        return false;
+      case MISSING:
+        if (missingLogged_.insert(file).second) LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", table.c_str(), line, file.c_str());
+        return true;
+      case FOUND:
+        break;
+    }
     return true;
   }
 
@@ -66,6 +86,7 @@ class PathResolver {
   }
   std::string setDir_;
   std::unordered_map<std::string, std::unique_ptr<DirListing>> cache_;
+  std::set<std::string> missingLogged_;
 };
 
 bool parseIntField(std::string_view s, int& out) {
@@ -110,7 +131,7 @@ void fillFromRow(AudioSample& rec, const CsvTable& t, const std::vector<CsvField
     // A negative DUCK means "pause the music": the nearest we offer is no ducking.
     rec.ducking = duck < 0 ? 100u : static_cast<uint32_t>(std::min(duck, 100));
   } else {
-    rec.ducking = static_cast<uint32_t>(index.duckingByType[rec.type]);
+    rec.ducking = static_cast<uint32_t>(index.duckingByType(rec.type));
     rec.duckingdefault = true;
   }
   int preload = 0;
@@ -178,7 +199,28 @@ void installRecords(SampleIndex& index, std::vector<std::unique_ptr<AudioSample>
   }
   index.clearSamples();
   for (auto& r : records) index.addSample(std::move(r));
-  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap.mapSize(), path.c_str());
+  LOG(LEVEL_INFO, "read %d sounds from %s", index.samplesMap().mapSize(), path.c_str());
+}
+
+// The sound of the first g-sound row of an id: TYPE, GAIN and the music ducking of its
+// profile; named after the row's file.
+std::unique_ptr<AudioSample> gsoundRecord(uint32_t id, const std::string& setDir, const std::vector<CsvField>& f,
+                                          const IniSections& ini, const std::string& file) {
+  auto at = [&](std::size_t k) { return k < f.size() ? f[k].value : std::string(); };
+  auto rec = newAudioSampleForId(id);
+  rec->basepath = setDir;
+  std::string gtype = toLower(at(1));
+  rec->type = gtype == "music" ? MUSIC : gtype == "callout" ? VOICE : gtype == "solo" ? SINGLE
+              : gtype == "overlay" ? JINGLE : SFX;
+  int gain = 50;
+  if (!parseIntField(at(2), gain)) rec->gaindefault = true;
+  rec->gain = static_cast<uint32_t>(std::max(gain, 0));
+  int profile = 0;
+  parseIntField(at(3), profile);
+  rec->ducking = musicDucking(ini, gtype, profile);
+  std::string base(_basename(file));
+  rec->name = base.substr(0, base.find_last_of('.'));
+  return rec;
 }
 
 int readGSound(SampleIndex& index, const std::string& setDir, const std::string& path) {
@@ -191,7 +233,6 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
   PathResolver resolver(setDir);
   std::vector<std::unique_ptr<AudioSample>> records;
   std::unordered_map<uint32_t, AudioSample*> byId;
-  std::set<std::string> missingLogged;
   bool headerSeen = false;
   for (std::size_t i = 0; i < t.lines.size(); ++i) {
     if (trim(t.lines[i].text).empty()) continue;
@@ -207,29 +248,11 @@ int readGSound(SampleIndex& index, const std::string& setDir, const std::string&
       continue;
     }
     std::string file;
-    bool missing = false;
-    if (!resolver.resolve(at(4), file, missing)) {
-      LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%s'", path.c_str(), i + 1, at(4).c_str());
-      continue;
-    }
-    if (missing && missingLogged.insert(file).second)
-      LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", path.c_str(), i + 1, file.c_str());
+    if (!resolver.rowFile(path, i + 1, at(4), file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {
-      records.push_back(newAudioSampleForId(id));
+      records.push_back(gsoundRecord(id, setDir, f, ini, file));
       rec = records.back().get();
-      rec->basepath = setDir;
-      std::string gtype = toLower(at(1));
-      rec->type = gtype == "music" ? MUSIC : gtype == "callout" ? VOICE : gtype == "solo" ? SINGLE
-                  : gtype == "overlay" ? JINGLE : SFX;
-      int gain = 50;
-      if (!parseIntField(at(2), gain)) rec->gaindefault = true;
-      rec->gain = static_cast<uint32_t>(std::max(gain, 0));
-      int profile = 0;
-      parseIntField(at(3), profile);
-      rec->ducking = musicDucking(ini, gtype, profile);
-      std::string base(_basename(file));
-      rec->name = base.substr(0, base.find_last_of('.'));
     }
     rec->samples.push_back(file);
   }
@@ -306,14 +329,44 @@ TypeColumns typeColumns(AudioType type) {
   }
 }
 
+// Copies file `i` of `s` beside the exported CSV as "0xIIII-<name>"; the copy's
+// name. Audio of a container set comes from its chunk, never from the path its index
+// names (containerFilesHaveChunks ran first).
+std::string copyBesideCsv(const AudioSample& s, std::size_t i, bool fromContainer, const std::string& csvDir) {
+  const std::string& file = s.samples[i];
+  std::string copyName = strFormat("0x%04X-%s", s.id, std::string(_basename(file)).c_str());
+  std::string dest = csvDir + "/" + copyName;
+  int crc = fromContainer ? extractContainerFile(s.basepath, s.filechunks[i], dest) : copyFileAtomic(file, dest);
+  if (crc != 0) LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
+  return copyName;
+}
+
+// One exported row: numbers unquoted, texts quoted when they hold a comma or quote.
+std::string csvExportRow(const AudioSample& s, const std::string& fname) {
+  TypeColumns tc = typeColumns(s.type);
+  std::string shaker;
+  for (std::size_t k = 0; k < s.shakersequence.size(); ++k) shaker += (k ? "," : "") + std::to_string(s.shakersequence[k]);
+  std::string row = strFormat("0x%04X,%s,%u,%u,%s,%s,", s.id, tc.channel, s.ducking, s.gain, tc.loop, tc.stop);
+  row += csvQuoteIfNeeded(s.name) + "," + csvQuoteIfNeeded(fname) + ",," + csvQuoteIfNeeded(shaker) + "," +
+         csvQuoteIfNeeded(s.serialcmd) + "," + (s.preload ? "1" : "0") + ",," + audioTypeName(s.type) + "\n";
+  return row;
+}
+
+// A table is a file: a folder that happens to carry the name does not make a set.
+std::string findTableFile(const DirListing& dir, std::string_view name) {
+  for (const auto& e : dir.entries())
+    if (equalsIgnoreCase(e.name, name) && dir.isRegularFile(e)) return dir.dir() + "/" + e.name;
+  return "";
+}
+
 }  // namespace
 
 // ---- public -----------------------------------------------------------------------
 
 std::string findCsvTable(const std::string& setDir, bool* gsound) {
   DirListing dir(setDir);
-  std::string alt = dir.find("altsound.csv");
-  std::string gs = dir.find("g-sound.csv");
+  std::string alt = findTableFile(dir, "altsound.csv");
+  std::string gs = findTableFile(dir, "g-sound.csv");
   bool useG = !gs.empty();
   std::string iniPath = dir.find("altsound.ini");
   if (!iniPath.empty() && !alt.empty() && !gs.empty()) {
@@ -344,7 +397,6 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
   PathResolver resolver(setDir);
   std::vector<std::unique_ptr<AudioSample>> records;
   std::unordered_map<uint32_t, AudioSample*> byId;
-  std::set<std::string> missingLogged;
   for (std::size_t i : t.dataRows()) {
     auto f = splitCsvLine(t.lines[i].text);
     std::string idText = t.field(f, C_ID);
@@ -355,17 +407,11 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
     }
     std::string fname = t.field(f, C_FNAME);
     std::string file;
-    bool missing = false;
     if (fname.empty()) {
       LOG(LEVEL_WARN, "%s:%zu: skipping row without FNAME", path.c_str(), i + 1);
       continue;
     }
-    if (!resolver.resolve(fname, file, missing)) {
-      LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%s'", path.c_str(), i + 1, fname.c_str());
-      continue;
-    }
-    if (missing && missingLogged.insert(file).second)
-      LOG(LEVEL_WARN, "%s:%zu: file '%s' not found", path.c_str(), i + 1, file.c_str());
+    if (!resolver.rowFile(path, i + 1, fname, file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {
       records.push_back(newAudioSampleForId(id));
@@ -413,8 +459,7 @@ int refreshCsvTable(const AudioSample& sample) {
   std::vector<std::size_t> drop;
   for (std::size_t i : rows) {
     std::string file;
-    bool missing = false;
-    resolver.resolve(t.field(splitCsvLine(t.lines[i].text), C_FNAME), file, missing);
+    resolver.resolve(t.field(splitCsvLine(t.lines[i].text), C_FNAME), file);
     auto it = wanted.find(file);
     if (it != wanted.end() && it->second > 0) {
       --it->second;
@@ -444,35 +489,21 @@ int refreshCsvTable(const AudioSample& sample) {
 }
 
 int writeSamplesToCsv(SampleIndex& index, const std::string& csvPath, const std::string& basePath, bool copyFiles) {
+  if (copyFiles && !containerFilesHaveChunks(index)) {
+    LOG(LEVEL_ERROR, "export to %s refused: the container's index names files it does not hold", csvPath.c_str());
+    return -1;
+  }
   auto slash = csvPath.find_last_of('/');
   const std::string csvDir = slash == std::string::npos ? "." : csvPath.substr(0, slash);
   std::string out = "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n";
-  const bool fromContainer = index.setType == XSNDFILE;
   int rows = 0;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     const AudioSample* s = node.value.get();
     if (s == nullptr) continue;
-    TypeColumns tc = typeColumns(s->type);
-    std::string shaker;
-    for (std::size_t k = 0; k < s->shakersequence.size(); ++k) shaker += (k ? "," : "") + std::to_string(s->shakersequence[k]);
     for (std::size_t i = 0; i < s->samples.size(); ++i) {
-      const std::string& file = s->samples[i];
-      std::string fname = relativeTo(basePath, file);
-      if (copyFiles) {
-        std::string copyName = strFormat("0x%04X-%s", s->id, std::string(_basename(file)).c_str());
-        std::string dest = csvDir + "/" + copyName;
-        int crc;
-        if (fromContainer && i < s->filechunks.size()) {
-          crc = extractContainerFile(s->basepath, s->filechunks[i], dest);
-        } else {
-          crc = copyFileAtomic(file, dest);
-        }
-        if (crc != 0) LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
-        fname = copyName;
-      }
-      out += strFormat("0x%04X,%s,%u,%u,%s,%s,", s->id, tc.channel, s->ducking, s->gain, tc.loop, tc.stop);
-      out += csvQuoteIfNeeded(s->name) + "," + csvQuoteIfNeeded(fname) + ",," + csvQuoteIfNeeded(shaker) + "," +
-             csvQuoteIfNeeded(s->serialcmd) + "," + (s->preload ? "1" : "0") + ",," + audioTypeName(s->type) + "\n";
+      std::string fname = relativeTo(basePath, s->samples[i]);
+      if (copyFiles) fname = copyBesideCsv(*s, i, index.setType() == XSNDFILE, csvDir);
+      out += csvExportRow(*s, fname);
       ++rows;
     }
   }

@@ -9,6 +9,7 @@
 #include "base/fileutil.h"
 #include "base/log.h"
 #include "base/stringutil.h"
+#include "soundsets/altsound.h"
 #include "soundsets/dir_listing.h"
 
 namespace korvo {
@@ -34,7 +35,7 @@ void SoundSetCatalogue::searchSoundSets(const std::string& base) {
       if (!e.name.ends_with(".xsnd")) continue;
       type = XSNDFILE;
     } else if (dir.isDirectory(e)) {
-      if (fileExists(path + "/altsound.csv"))
+      if (isAltsoundDir(path))
         type = ALTSOUND;
       else if (isDirectory(path + "/music"))
         type = PINSOUND;

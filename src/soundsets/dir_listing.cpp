@@ -8,19 +8,19 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/handles.h"
 #include "base/stringutil.h"
 
 namespace korvo {
 
 DirListing::DirListing(const std::string& dir) : dir_(dir) {
-  DIR* d = opendir(dir.c_str());
+  DirHandle d(opendir(dir.c_str()));
   if (!d) return;
   ok_ = true;
-  while (dirent* e = readdir(d)) {
+  while (dirent* e = readdir(d.get())) {
     if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
     entries_.push_back(DirEntry{e->d_name, e->d_type});
   }
-  closedir(d);
 }
 
 std::string DirListing::find(std::string_view name) const {
@@ -60,16 +60,15 @@ bool readFirstInt(std::string_view text, int& out) {
 }
 
 bool readFirstLine(const std::string& path, std::string& out) {
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) return false;
   char buf[1024];
   out.clear();
-  if (fgets(buf, sizeof buf, f)) {
+  if (fgets(buf, sizeof buf, f.get())) {
     out = buf;
     std::size_t end = out.find_first_of("\r\n");
     if (end != std::string::npos) out.resize(end);
   }
-  fclose(f);
   return true;
 }
 

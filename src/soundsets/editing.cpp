@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/altsound.h"
@@ -26,7 +27,8 @@ void dropLastFile(AudioSample& s) {
 }
 
 int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std::string& baseName) {
-  FILE* f = fopen(s.basepath.c_str(), "r+b");
+  FileHandle file(fopen(s.basepath.c_str(), "r+b"));
+  FILE* f = file.get();
   if (f == nullptr) {
     LOG(LEVEL_ERROR, "failed to open '%s'", s.basepath.c_str());
     return -1;
@@ -48,7 +50,6 @@ int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std
       s.syncChunks();
     }
   }
-  fclose(f);
   return rc == 0 ? 0 : -1;
 }
 
@@ -69,7 +70,7 @@ int addSampleToSound(SampleIndex& index, unsigned id, const std::string& uploade
     LOG(LEVEL_ERROR, "addSampleToSound: bad file name '%s'", clientFileName.c_str());
     return -1;
   }
-  switch (index.setType) {
+  switch (index.setType()) {
     case XSNDFILE:
       return appendToContainer(*s, uploadedPath, base);
     case PINSOUND:
@@ -90,7 +91,7 @@ int addSampleToSound(SampleIndex& index, unsigned id, const std::string& uploade
         struct stat st{};
         if (::stat(target.c_str(), &st) == 0) s->size = static_cast<uint32_t>(st.st_size);
       }
-      if (index.setType == ALTSOUND) refreshCsvTable(*s);
+      if (index.setType() == ALTSOUND) refreshCsvTable(*s);
       return 0;
     }
     default:
@@ -154,7 +155,7 @@ int removeSampleFromSound(SampleIndex& index, unsigned id, int fileIndex) {
     return 1;
   }
   LOG(LEVEL_DEBUG, "removeSampleFromSound %s", s->samples[static_cast<std::size_t>(fileIndex)].c_str());
-  const int type = index.setType;
+  const int type = index.setType();
   RemoveSampleFromSound handler = (type >= 0 && type < 4) ? vtabRemoveSampleFromSound[type] : nullptr;
   if (handler == nullptr) {
     LOG(LEVEL_ERROR, "remove sample for sound not expected for soundset type");

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/sample_index.h"
@@ -21,9 +22,68 @@ constexpr std::size_t kMappingFileMax = 16u << 20;
 // Malformed lines are reported one by one up to this count, then summed up.
 constexpr int kReportedJunkLines = 5;
 
+// Reads at most kMappingFileMax bytes of a mapping file; false when it cannot be
+// opened. A damaged gzip stream keeps what was read before the damage.
+bool readGzipCapped(const std::string& path, std::string& content) {
+  GzHandle gz(gzopen(path.c_str(), "r"));
+  if (!gz) return false;
+  LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
+  char buf[8192];
+  int n;
+  while ((n = gzread(gz.get(), buf, sizeof buf)) > 0) {
+    if (content.size() + static_cast<std::size_t>(n) > kMappingFileMax) {
+      LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
+      return true;
+    }
+    content.append(buf, static_cast<std::size_t>(n));
+  }
+  if (n < 0) {
+    int err = 0;
+    const char* msg = gzerror(gz.get(), &err);
+    LOG(LEVEL_WARN, "mapping %s is damaged (%s), using the lines read so far", path.c_str(), msg ? msg : "?");
+  }
+  return true;
+}
+
+bool readPlainCapped(const std::string& path, std::string& content) {
+  FileHandle f(fopen(path.c_str(), "rb"));
+  if (!f) return false;
+  LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
+  char buf[8192];
+  std::size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f.get())) > 0) {
+    if (content.size() + n > kMappingFileMax) {
+      LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
+      return true;
+    }
+    content.append(buf, n);
+  }
+  return true;
+}
+
+// A rename is one step on the same file system; a copy is the fallback across file
+// systems, and the old tree goes only once the copy is complete.
+bool moveTree(const std::filesystem::path& oldDir, const std::filesystem::path& newDir) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::rename(oldDir, newDir, ec);
+  if (!ec) return true;
+  ec.clear();
+  fs::copy(oldDir, newDir, fs::copy_options::recursive, ec);
+  if (ec) {
+    LOG(LEVEL_ERROR, "copy %s to %s failed: %s", oldDir.c_str(), newDir.c_str(), ec.message().c_str());
+    std::error_code ignore;
+    fs::remove_all(newDir, ignore);
+    return false;
+  }
+  fs::remove_all(oldDir, ec);
+  if (ec) LOG(LEVEL_WARN, "cannot remove %s: %s", oldDir.c_str(), ec.message().c_str());
+  return true;
+}
+
 }  // namespace
 
-void SampleIndex::initHashesMap() { hashesMap.clear(); }
+void SampleIndex::initHashesMap() { mapping_.hashes.clear(); }
 
 int SampleIndex::handleLine(std::string_view line) {
   if (line.empty()) return 0;
@@ -34,7 +94,7 @@ int SampleIndex::handleLine(std::string_view line) {
   unsigned realId = 0;
   unsigned scrambled = 0;
   if (sscanf(copy.c_str(), "%x %u", &realId, &scrambled) != 2) return -1;
-  hashesMap.mapSet(scrambled, realId);
+  mapping_.hashes.mapSet(scrambled, realId);
   return 1;
 }
 
@@ -43,49 +103,10 @@ int SampleIndex::loadHashMappingByName(const std::string& dir, const std::string
   std::string path = dir + "/" + name;
   bool gzip = !name.empty() && isdigit(static_cast<unsigned char>(name.front()));
   std::string content;
-  bool truncated = false;
-  if (gzip) {
-    gzFile gz = gzopen(path.c_str(), "r");
-    if (!gz) {
-      LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
-      return 0;
-    }
-    LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
-    char buf[8192];
-    int n;
-    while ((n = gzread(gz, buf, sizeof buf)) > 0) {
-      if (content.size() + static_cast<std::size_t>(n) > kMappingFileMax) {
-        truncated = true;
-        break;
-      }
-      content.append(buf, static_cast<std::size_t>(n));
-    }
-    if (n < 0) {
-      int err = 0;
-      const char* msg = gzerror(gz, &err);
-      LOG(LEVEL_WARN, "mapping %s is damaged (%s), using the lines read so far", path.c_str(), msg ? msg : "?");
-    }
-    gzclose(gz);
-  } else {
-    FILE* f = fopen(path.c_str(), "rb");
-    if (!f) {
-      LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
-      return 0;
-    }
-    LOG(LEVEL_INFO, "loading hashes from %s", path.c_str());
-    char buf[8192];
-    std::size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) {
-      if (content.size() + n > kMappingFileMax) {
-        truncated = true;
-        break;
-      }
-      content.append(buf, n);
-    }
-    fclose(f);
+  if (!(gzip ? readGzipCapped(path, content) : readPlainCapped(path, content))) {
+    LOG(LEVEL_WARN, "no hashes found in '%s'", path.c_str());
+    return 0;
   }
-  if (truncated) LOG(LEVEL_WARN, "mapping %s is larger than %zu bytes, rest ignored", path.c_str(), kMappingFileMax);
-
   int junk = 0;
   int lineNo = 0;
   std::size_t pos = 0;
@@ -103,9 +124,9 @@ int SampleIndex::loadHashMappingByName(const std::string& dir, const std::string
   }
   if (junk > kReportedJunkLines) LOG(LEVEL_WARN, "%s: %d lines were not mappings", path.c_str(), junk);
   if (gzip)
-    LOG(LEVEL_DEBUG, "loaded %d hashes", hashesMap.mapSize());
+    LOG(LEVEL_DEBUG, "loaded %d hashes", mapping_.hashes.mapSize());
   else
-    LOG(LEVEL_INFO, "loaded %d hashes", hashesMap.mapSize());
+    LOG(LEVEL_INFO, "loaded %d hashes", mapping_.hashes.mapSize());
   return 1;
 }
 
@@ -116,7 +137,7 @@ int SampleIndex::moveSoundToGroup(unsigned id, int type) {
     LOG(LEVEL_ERROR, "sample for id %d not found", static_cast<int>(id));
     return 1;
   }
-  if (type < 0 || type >= kAudioTypeCount || type == s->type || setType == XSNDFILE) return 0;
+  if (type < 0 || type >= kAudioTypeCount || type == s->type || config_.setType == XSNDFILE) return 0;
   if (type == UNKNOWN || type == SYSTEM) {
     // No group directory is scanned for these: the sound would vanish at the next load.
     LOG(LEVEL_ERROR, "sound %s cannot be moved to %s: no such group", s->name.c_str(), audioTypeName(type));
@@ -138,21 +159,7 @@ int SampleIndex::moveSoundToGroup(unsigned id, int type) {
     return 1;
   }
   fs::create_directories(groupDir, ec);
-  // A rename is one step on the same file system; a copy is the fallback across file
-  // systems, and the old tree goes only once the copy is complete.
-  fs::rename(oldDir, newDir, ec);
-  if (ec) {
-    ec.clear();
-    fs::copy(oldDir, newDir, fs::copy_options::recursive, ec);
-    if (ec) {
-      LOG(LEVEL_ERROR, "copy %s to %s failed: %s", oldDir.c_str(), newDir.c_str(), ec.message().c_str());
-      std::error_code ignore;
-      fs::remove_all(newDir, ignore);
-      return 1;
-    }
-    fs::remove_all(oldDir, ec);
-    if (ec) LOG(LEVEL_WARN, "cannot remove %s: %s", oldDir.c_str(), ec.message().c_str());
-  }
+  if (!moveTree(oldDir, newDir)) return 1;
   std::string oldPrefix = oldDir.string() + "/";
   std::string newPrefix = newDir.string() + "/";
   for (auto& file : s->samples)

@@ -11,14 +11,14 @@
 // the sound engine's mutex like the index itself.
 #pragma once
 
-#include <SDL2/SDL_mixer.h>
-
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/handles.h"
 
 namespace korvo {
 
@@ -58,14 +58,6 @@ struct CompFileChunk {
   State state = REGULAR;
 };
 
-struct MixChunkDeleter {
-  void operator()(Mix_Chunk* c) const {
-    if (c) Mix_FreeChunk(c);
-  }
-};
-// Decoded audio of one file; null while not loaded.
-using ChunkPtr = std::unique_ptr<Mix_Chunk, MixChunkDeleter>;
-
 // One sound, by command id. Move-only (it owns decoded audio).
 class AudioSample {
  public:
@@ -99,7 +91,7 @@ class AudioSample {
   std::string serialcmd;  // serial output commands; empty = none
   // Parallel to `samples`: the decoded audio of each file, filled by the sample pool.
   // Never serialised with content.
-  std::vector<ChunkPtr> chunk;
+  std::vector<ChunkHandle> chunk;
   // XSNDFILE sets: one entry per entry of `samples`, same order.
   std::vector<CompFileChunk> filechunks;
   uint32_t ducking = 0;  // percent of the music volume while this sound plays

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "soundsets/dir_listing.h"
@@ -30,11 +31,10 @@ AudioType groupTypeOf(std::string_view name) {
 constexpr std::size_t kSmallFileMax = 1024;
 
 bool readSmallFile(const std::string& path, std::string& out) {
-  FILE* f = fopen(path.c_str(), "r");
+  FileHandle f(fopen(path.c_str(), "r"));
   if (!f) return false;
   char buf[kSmallFileMax];
-  std::size_t n = fread(buf, 1, sizeof buf, f);
-  fclose(f);
+  std::size_t n = fread(buf, 1, sizeof buf, f.get());
   out.assign(buf, n);
   return true;
 }
@@ -117,6 +117,16 @@ int duckingIn(const DirListing& dir, int typeDefault, AudioSample* sample) {
   return value;
 }
 
+// A scrambled set whose mapping misses some sounds: each one left under its
+// scrambled id is named.
+void logUnmapped(const SoundSet& set) {
+  for (const AudioSample* s : set.samples) {
+    if (s->type == UNKNOWN || s->magic != 0) continue;
+    LOG(LEVEL_ERROR, "unmapped sample %010u 0x%08x 0x%08x, type: %s, gain: %d, name: %s, path: %s", s->id, s->id,
+        s->magic, audioTypeName(s->type), static_cast<int>(s->gain), s->name.c_str(), s->firstPath().c_str());
+  }
+}
+
 }  // namespace
 
 bool isAudioFileType(std::string_view fileName) {
@@ -172,16 +182,16 @@ int checkRange(int min, int max, int value) { return value < min ? min : value >
 SampleIndex::SampleIndex(Settings& s) : settings_(s) {}
 
 AudioSample* SampleIndex::getSampleForId(unsigned id) {
-  auto* p = samplesMap.mapGet1(id);
+  auto* p = samples_.mapGet1(id);
   return p ? p->get() : nullptr;
 }
 
-void SampleIndex::clearSamples() { samplesMap.clear(); }
+void SampleIndex::clearSamples() { samples_.clear(); }
 
 AudioSample* SampleIndex::addSample(std::unique_ptr<AudioSample> rec) {
   AudioSample* raw = rec.get();
   unsigned id = rec->id;
-  samplesMap.mapSet(id, std::move(rec));
+  samples_.mapSet(id, std::move(rec));
   return raw;
 }
 
@@ -190,36 +200,36 @@ int SampleIndex::getGain(const std::string& dir, int defaultValue, AudioSample* 
 }
 
 int SampleIndex::getDucking(const std::string& dir, AudioType type, AudioSample* sample) {
-  return duckingIn(DirListing(dir), duckingByType[checkRange(0, kAudioTypeCount - 1, type)], sample);
+  return duckingIn(DirListing(dir), config_.duckingByType[checkRange(0, kAudioTypeCount - 1, type)], sample);
 }
 
 // ---- scan ----
 
 void SampleIndex::scanAll(const std::string& basedir) {
-  hashOfAllIds = 0;
-  scrambledIds = 0;
+  scan_.hashOfAllIds = 0;
+  scan_.scrambledIds = 0;
   DirListing base(basedir);
   for (const auto& e : base.entries()) {
     AudioType type = groupTypeOf(e.name);
     if (type == UNKNOWN || !base.isDirectory(e)) continue;
     scan(basedir + "/" + e.name, type);
   }
-  LOG(LEVEL_DEBUG, "scan done id hash is: %u", hashOfAllIds);
+  LOG(LEVEL_DEBUG, "scan done id hash is: %u", scan_.hashOfAllIds);
 }
 
 void SampleIndex::scan(const std::string& typedir, AudioType type) {
   DirListing tdir(typedir);
   if (!tdir.ok()) return;
-  gainByType[type] = gainIn(tdir, gainByType[type] * 30 / 100, nullptr);
-  LOG(LEVEL_DEBUG, "gain for %s is %d", audioTypeNames[type], gainByType[type]);
-  serialCmdsIn(tdir, serialCmdByType[type]);
+  config_.gainByType[type] = gainIn(tdir, config_.gainByType[type] * 30 / 100, nullptr);
+  LOG(LEVEL_DEBUG, "gain for %s is %d", audioTypeNames[type], config_.gainByType[type]);
+  serialCmdsIn(tdir, config_.serialCmdByType[type]);
 
   std::string name;
   std::string serial;
   for (const auto& e : tdir.entries()) {
     uint32_t dirId = 0;
     if (!tdir.isDirectory(e) || !parseSoundDirName(e.name, dirId, name)) continue;
-    if (dirId > kScrambledIdLimit) scrambledIds = 1;
+    if (dirId > kScrambledIdLimit) scan_.scrambledIds = 1;
 
     auto rec = newAudioSampleForId(dirId);
     rec->basepath = typedir + "/" + e.name;
@@ -233,18 +243,18 @@ void SampleIndex::scan(const std::string& typedir, AudioType type) {
     rec->type = type;
     rec->name = name;
     rec->gain = static_cast<uint32_t>(gainIn(sdir, 15, rec.get()));
-    rec->ducking = static_cast<uint32_t>(duckingIn(sdir, duckingByType[type], rec.get()));
+    rec->ducking = static_cast<uint32_t>(duckingIn(sdir, config_.duckingByType[type], rec.get()));
     shakerIn(sdir, rec->shakersequence);
     if (!sdir.find("dontpreload").empty())
       rec->preload = false;
     else if (rec->size > static_cast<unsigned>(settings_.preloadThreshold))
       rec->preload = true;
     if (haveSerial) rec->serialcmd = serial;
-    hashOfAllIds += dirId;
-    if (const unsigned* mapped = hashesMap.mapGet1(dirId)) {
+    scan_.hashOfAllIds += dirId;
+    if (const unsigned* mapped = mapping_.hashes.mapGet1(dirId)) {
       rec->magic = dirId;
       rec->id = *mapped;
-      hashingIsUsed = 1;
+      scan_.hashingIsUsed = 1;
     }
     addSample(std::move(rec));
   }
@@ -260,7 +270,7 @@ void SampleIndex::scanForSamples(AudioSample& sample, const DirListing& dir) {
     int number = 0;
     std::vector<char> rest(e.name.size() + 1, '\0');
     if (sscanf(e.name.c_str(), "%d-%s", &number, rest.data()) == 2) {
-      haveFilenameNumbers = 1;
+      scan_.haveFilenameNumbers = 1;
       if (sample.magic == 0) sample.magic = sample.id;
       sample.id = static_cast<uint32_t>(number);
     }
@@ -279,8 +289,8 @@ void SampleIndex::scanForSamples(AudioSample& sample, const DirListing& dir) {
 
 void SampleIndex::fillSetSamples(SoundSet& set) {
   set.samples.clear();
-  set.samples.reserve(static_cast<std::size_t>(samplesMap.mapSize()));
-  for (auto& node : samplesMap) {
+  set.samples.reserve(static_cast<std::size_t>(samples_.mapSize()));
+  for (auto& node : samples_) {
     AudioSample* s = node.value.get();
     set.samples.push_back(s);
     if (s->type != UNKNOWN)
@@ -289,16 +299,40 @@ void SampleIndex::fillSetSamples(SoundSet& set) {
   }
 }
 
+int SampleIndex::loadTree(SoundSet& set, int copyMapping) {
+  clearSamples();
+  int haveMapping = loadHashMapping(set.basedir);
+  readSoundConfig(set);
+  scanAll(set.basedir);
+  std::string shared = mapping_.configsDir + "/" + strFormat("%u.mellosnd", scan_.hashOfAllIds);
+  if (copyMapping && haveMapping && scan_.scrambledIds) {
+    std::string from = set.basedir + "/config.mellosnd";
+    std::error_code ec;
+    std::filesystem::create_directories(mapping_.configsDir, ec);
+    LOG(LEVEL_INFO, "copy mapping from %s to %s", from.c_str(), shared.c_str());
+    copyFileAtomic(from, shared);
+  }
+  if (!haveMapping && scan_.scrambledIds && !scan_.haveFilenameNumbers) {
+    if (!loadHashMappingByName(mapping_.configsDir, strFormat("%u.mellosnd", scan_.hashOfAllIds))) {
+      LOG(LEVEL_ERROR, "looks like a scrambled soundset is used, but no mapping provided");
+      return 1;
+    }
+    // The set's own file is not the one the mapping came from: edits go to a file
+    // of their own.
+    config_.configFileToWrite = "config.ini";
+    clearSamples();
+    scanAll(set.basedir);
+  }
+  return 0;
+}
+
 int SampleIndex::initSamples(SoundSet& set, int copyMapping) {
-  hashOfAllIds = 0;
-  scrambledIds = 0;
-  haveFilenameNumbers = 0;
-  hashingIsUsed = 0;
-  setType = set.type;
+  scan_ = ScanState{};
+  config_.setType = set.type;
   // Until this set's configuration is read, edits have nowhere to go (a container set
   // has none): they must never land in the previous set's file.
-  configBase.clear();
-  configFileToWrite.clear();
+  config_.configBase.clear();
+  config_.configFileToWrite.clear();
   int result = 0;
   switch (set.type) {
     case XSNDFILE:
@@ -312,43 +346,16 @@ int SampleIndex::initSamples(SoundSet& set, int copyMapping) {
       break;
     case PINSOUND:
     case ZIPFILE:
-    default: {
-      clearSamples();
-      int haveMapping = loadHashMapping(set.basedir);
-      readSoundConfig(set);
-      scanAll(set.basedir);
-      std::string shared = configsDir + "/" + strFormat("%u.mellosnd", hashOfAllIds);
-      if (copyMapping && haveMapping && scrambledIds) {
-        std::string from = set.basedir + "/config.mellosnd";
-        std::error_code ec;
-        std::filesystem::create_directories(configsDir, ec);
-        LOG(LEVEL_INFO, "copy mapping from %s to %s", from.c_str(), shared.c_str());
-        copyFileAtomic(from, shared);
-      }
-      if (!haveMapping && scrambledIds && !haveFilenameNumbers) {
-        if (!loadHashMappingByName(configsDir, strFormat("%u.mellosnd", hashOfAllIds))) {
-          LOG(LEVEL_ERROR, "looks like a scrambled soundset is used, but no mapping provided");
-          fillSetSamples(set);
-          return 1;
-        }
-        // The set's own file is not the one the mapping came from: edits go to a file
-        // of their own.
-        configFileToWrite = "config.ini";
-        clearSamples();
-        scanAll(set.basedir);
+    default:
+      if (loadTree(set, copyMapping) != 0) {
+        fillSetSamples(set);
+        return 1;
       }
       break;
-    }
   }
   fillSetSamples(set);
-  LOG(LEVEL_DEBUG, "scanned %d sounds, using %d hashes", samplesMap.mapSize(), hashesMap.mapSize());
-  if (hashingIsUsed) {
-    for (AudioSample* s : set.samples) {
-      if (s->type == UNKNOWN || s->magic != 0) continue;
-      LOG(LEVEL_ERROR, "unmapped sample %010u 0x%08x 0x%08x, type: %s, gain: %d, name: %s, path: %s", s->id, s->id,
-          s->magic, audioTypeName(s->type), static_cast<int>(s->gain), s->name.c_str(), s->firstPath().c_str());
-    }
-  }
+  LOG(LEVEL_DEBUG, "scanned %d sounds, using %d hashes", samples_.mapSize(), mapping_.hashes.mapSize());
+  if (scan_.hashingIsUsed) logUnmapped(set);
   return result;
 }
 

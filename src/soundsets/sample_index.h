@@ -20,30 +20,11 @@
 #include "core/map.h"
 #include "core/settings.h"
 #include "soundsets/model.h"
+#include "soundsets/set_files.h"
 
 namespace korvo {
 
 class DirListing;
-
-// true for names not beginning with "." that end, case-sensitively, in ".ogg", ".wav"
-// or ".mp3".
-bool isAudioFileType(std::string_view fileName);
-// The entry of `dir` whose name equals `name` ignoring case, as "dir/entry" spelled as
-// on disk; empty when there is none or the directory cannot be read.
-std::string getFileByName(const std::string& dir, std::string_view name);
-// "serial.txt" of `dir`: 1 and the first line (trailing white space removed) when it
-// is non-empty, else 0 and `out` empty.
-int getSerialCmds(const std::string& dir, std::string& out);
-// "shaker.txt" of `dir` / a text: the integers separated by any of ",; \t\n" (atoi of
-// each token, so junk gives 0). Returns the count.
-int getShakerSequence(const std::string& dir, std::vector<uint32_t>& out);
-int parseShakerSequence(std::string_view text, std::vector<uint32_t>& out);
-int countElements(std::string_view text, std::string_view delimiters);
-int checkRange(int min, int max, int value);
-// Writes key=value into dir/fileName: every line starting with `key` is replaced, or
-// the line is appended; a missing file is created with a comment line first. The file
-// is replaced atomically.
-void updateConfig(const std::string& dir, const std::string& fileName, std::string_view key, int value);
 
 class SampleIndex {
  public:
@@ -70,31 +51,41 @@ class SampleIndex {
   SampleIndex(const SampleIndex&) = delete;
   SampleIndex& operator=(const SampleIndex&) = delete;
 
-  // ---- scan state ----
-  SampleMap samplesMap{kSampleBuckets};
-  HashesMap hashesMap{kHashBuckets};
-  uint32_t hashOfAllIds = 0;    // sum mod 2^32 of the accepted directory ids
-  int scrambledIds = 0;         // some directory id > 900000
-  int haveFilenameNumbers = 0;  // some audio file name starts with a number
-  int hashingIsUsed = 0;        // some id was replaced through hashesMap
+  // Wiring of the owner (set once, before the first load).
+  Hooks& hooks() { return hooks_; }
 
-  // ---- type tables, indexed by AudioType ----
-  std::array<int, kAudioTypeCount> gainByType{50, 50, 50, 50, 50, 50, 50};
-  std::array<int, kAudioTypeCount> duckingByType{100, 100, 80, 65, 10, 100, 100};
-  std::array<std::string, kAudioTypeCount> serialCmdByType{};  // empty = none
-  int duckingIsActive = 0;
+  // ---- the index ----
+  SampleMap& samplesMap() { return samples_; }
+  const SampleMap& samplesMap() const { return samples_; }
 
-  // ---- configuration of the loaded set ----
-  std::string configBase;         // directory the set configuration is written in
-  std::string configFileToWrite;  // "config.mellosnd" or "config.ini"
-  SoundSet__SoundSetType setType = PINSOUND;
-  int setPreload = -1;  // set-level "preload" key, -1 = not given
-  int setVendor = -1;   // set-level "vendor" key, -1 = not given
-  // Shared mapping files of scrambled sets ("%u.mellosnd", gzip). Relative to the
-  // working directory.
-  std::string configsDir = "configs";
+  // ---- what the last PINSOUND scan found ----
+  uint32_t hashOfAllIds() const { return scan_.hashOfAllIds; }  // sum mod 2^32 of accepted directory ids
+  int scrambledIds() const { return scan_.scrambledIds; }        // some directory id > 900000
+  int haveFilenameNumbers() const { return scan_.haveFilenameNumbers; }  // some file name starts with a number
+  int hashingIsUsed() const { return scan_.hashingIsUsed; }      // some id was replaced through hashesMap
 
-  Hooks hooks;
+  // ---- type tables (a type outside 0..6 reads UNKNOWN's entry) and the loaded set ----
+  int gainByType(int type) const { return config_.gainByType[typeIndex(type)]; }
+  int duckingByType(int type) const { return config_.duckingByType[typeIndex(type)]; }
+  // Empty = none.
+  const std::string& serialCmdByType(int type) const { return config_.serialCmdByType[typeIndex(type)]; }
+  int duckingIsActive() const { return config_.duckingIsActive; }
+  // Directory the set configuration is written in; empty while no set is loaded.
+  const std::string& configBase() const { return config_.configBase; }
+  // "config.mellosnd" or "config.ini".
+  const std::string& configFileToWrite() const { return config_.configFileToWrite; }
+  // The storage type edits follow; every load takes it from the set it reads.
+  SoundSet__SoundSetType setType() const { return config_.setType; }
+  void setSetType(SoundSet__SoundSetType type) { config_.setType = type; }
+  int setPreload() const { return config_.setPreload; }  // set-level "preload" key, -1 = not given
+  int setVendor() const { return config_.setVendor; }    // set-level "vendor" key, -1 = not given
+
+  // ---- id mapping ----
+  const HashesMap& hashesMap() const { return mapping_.hashes; }
+  // Shared mapping files of scrambled sets ("%u.mellosnd", gzip); default "configs",
+  // relative to the working directory.
+  const std::string& configsDir() const { return mapping_.configsDir; }
+  void setConfigsDir(std::string dir) { mapping_.configsDir = std::move(dir); }
 
   Settings& settingsRef() { return settings_; }
 
@@ -160,7 +151,45 @@ class SampleIndex {
   int loadContainer(SoundSet& set);
   int loadAltSound(SoundSet& set);
   int applyConfigLine(std::string_view line, const char* fileName, PendingConfig& pending);
+  // Both configuration files of `dir`, later lines winning; false when neither exists.
+  bool readConfigFiles(const std::string& dir, PendingConfig& pending);
+  void applyPending(SoundSet& set, const PendingConfig& pending);
+  // The PINSOUND / ZIPFILE branch of initSamples.
+  int loadTree(SoundSet& set, int copyMapping);
+  static std::size_t typeIndex(int type) {
+    return type >= 0 && type < kAudioTypeCount ? static_cast<std::size_t>(type) : 0;
+  }
+
+  // Left by the PINSOUND scanner; reset by every load.
+  struct ScanState {
+    uint32_t hashOfAllIds = 0;
+    int scrambledIds = 0;
+    int haveFilenameNumbers = 0;
+    int hashingIsUsed = 0;
+  };
+  // The configuration editor's state: type tables and where edits are written.
+  struct SetConfig {
+    std::array<int, kAudioTypeCount> gainByType{50, 50, 50, 50, 50, 50, 50};
+    std::array<int, kAudioTypeCount> duckingByType{100, 100, 80, 65, 10, 100, 100};
+    std::array<std::string, kAudioTypeCount> serialCmdByType{};
+    int duckingIsActive = 0;
+    std::string configBase;
+    std::string configFileToWrite;
+    SoundSet__SoundSetType setType = PINSOUND;
+    int setPreload = -1;
+    int setVendor = -1;
+  };
+  struct IdMapping {
+    HashesMap hashes{kHashBuckets};
+    std::string configsDir = "configs";
+  };
+
   Settings& settings_;
+  Hooks hooks_;
+  SampleMap samples_{kSampleBuckets};
+  ScanState scan_;
+  SetConfig config_;
+  IdMapping mapping_;
 };
 
 }  // namespace korvo

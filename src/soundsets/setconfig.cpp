@@ -90,6 +90,25 @@ struct SampleIndex::PendingConfig {
   }
 };
 
+namespace {
+
+bool inRange(const ConfigKey& k, int v) {
+  switch (k.target) {
+    case T_DUCKING:
+    case T_GAIN:
+      return v >= 0 && v <= 100;
+    case T_VENDOR:
+      return v >= 0 && v < kProtocolCount;
+    case T_FADE_TIME:
+    case T_ATTRACT:
+      return v >= 0;
+    default:
+      return true;
+  }
+}
+
+}  // namespace
+
 int SampleIndex::applyConfigLine(std::string_view line, const char* fileName, PendingConfig& p) {
   std::size_t end = line.find_first_of("\r\n");
   if (end != std::string_view::npos) line = line.substr(0, end);
@@ -102,23 +121,7 @@ int SampleIndex::applyConfigLine(std::string_view line, const char* fileName, Pe
       return -1;
     }
     int v = **m;
-    bool valid = true;
-    switch (k.target) {
-      case T_DUCKING:
-      case T_GAIN:
-        valid = v >= 0 && v <= 100;
-        break;
-      case T_VENDOR:
-        valid = v >= 0 && v < kProtocolCount;
-        break;
-      case T_FADE_TIME:
-      case T_ATTRACT:
-        valid = v >= 0;
-        break;
-      default:
-        break;
-    }
-    if (!valid) {
+    if (!inRange(k, v)) {
       LOG(LEVEL_WARN, "%s: value %d of %s out of range, ignored", fileName, v, k.name);
       return -1;
     }
@@ -144,19 +147,14 @@ int SampleIndex::applySetConfigLine(std::string_view line, const char* fileName)
   return applyConfigLine(line, fileName, p);
 }
 
-void SampleIndex::readSoundConfig(SoundSet& set) {
-  setPreload = -1;
-  setVendor = -1;
-  configBase = set.basedir;
-  setType = set.type;
-  PendingConfig p;
+bool SampleIndex::readConfigFiles(const std::string& dir, PendingConfig& p) {
   bool found = false;
   for (const char* name : {"config.ini", "config.mellosnd"}) {
-    std::string path = set.basedir + "/" + name;
+    std::string path = dir + "/" + name;
     std::string content;
     LOG(LEVEL_DEBUG, "reading config from: %s", path.c_str());
     if (!readWholeFile(path, content)) {
-      LOG(LEVEL_DEBUG, "config %s not found in %s", name, set.basedir.c_str());
+      LOG(LEVEL_DEBUG, "config %s not found in %s", name, dir.c_str());
       continue;
     }
     found = true;
@@ -168,20 +166,21 @@ void SampleIndex::readSoundConfig(SoundSet& set) {
       pos = end + 1;
     }
   }
-  configFileToWrite = fileExists(set.basedir + "/config.mellosnd") ? "config.mellosnd" : "config.ini";
-  if (!found) return;
+  return found;
+}
 
+void SampleIndex::applyPending(SoundSet& set, const PendingConfig& p) {
   for (int t = 0; t < kAudioTypeCount; ++t) {
     int g = p.gain[t];
     if (g >= 0) {
       // Files written before gains were percent hold 0..30; larger values are percent.
       if (set.type == PINSOUND && g <= 30) g = g * 100 / 30;
-      gainByType[t] = g;
+      config_.gainByType[t] = g;
     }
-    if (p.ducking[t] >= 0) duckingByType[t] = p.ducking[t];
-    LOG(LEVEL_DEBUG, "gainByType[%d]=%d", t, gainByType[t]);
-    set.gains[t] = static_cast<uint32_t>(gainByType[t]);
-    set.ducking[t] = static_cast<uint32_t>(duckingByType[t]);
+    if (p.ducking[t] >= 0) config_.duckingByType[t] = p.ducking[t];
+    LOG(LEVEL_DEBUG, "gainByType[%d]=%d", t, config_.gainByType[t]);
+    set.gains[t] = static_cast<uint32_t>(config_.gainByType[t]);
+    set.ducking[t] = static_cast<uint32_t>(config_.duckingByType[t]);
   }
   if (p.shaker >= 0) settings_.shakerEnabled = p.shaker;
   if (p.fade >= 0) settings_.fadeSfxOnMusicChange = p.fade;
@@ -191,23 +190,34 @@ void SampleIndex::readSoundConfig(SoundSet& set) {
   set.fade_sfx_on_music_change = settings_.fadeSfxOnMusicChange != 0;
   set.fade_sfx_on_music_change_time = static_cast<uint32_t>(settings_.fadeSfxOnMusicChangeTime);
   set.attract_timeout = static_cast<uint32_t>(settings_.attractTimeOut);
-  setPreload = p.preload;
-  setVendor = p.vendor;
+  config_.setPreload = p.preload;
+  config_.setVendor = p.vendor;
+}
 
+void SampleIndex::readSoundConfig(SoundSet& set) {
+  config_.setPreload = -1;
+  config_.setVendor = -1;
+  config_.configBase = set.basedir;
+  config_.setType = set.type;
+  PendingConfig p;
+  const bool found = readConfigFiles(set.basedir, p);
+  config_.configFileToWrite = fileExists(set.basedir + "/config.mellosnd") ? "config.mellosnd" : "config.ini";
+  if (!found) return;
+  applyPending(set, p);
   setupDuckingConfig();
-  if (setPreload == 1) settings_.preloadThreshold = 1;
-  bool captureRuns = hooks.captureStarted && hooks.captureStarted();
-  if (setVendor >= 0 && setVendor != settings_.protocol.load() && !captureRuns) {
-    settings_.protocol = setVendor;
-    LOG(LEVEL_DEBUG, "vendor was set through sound config (first time) to %d", setVendor);
+  if (config_.setPreload == 1) settings_.preloadThreshold = 1;
+  bool captureRuns = hooks_.captureStarted && hooks_.captureStarted();
+  if (config_.setVendor >= 0 && config_.setVendor != settings_.protocol.load() && !captureRuns) {
+    settings_.protocol = config_.setVendor;
+    LOG(LEVEL_DEBUG, "vendor was set through sound config (first time) to %d", config_.setVendor);
   }
 }
 
 void SampleIndex::setupDuckingConfig() {
-  duckingIsActive = 0;
-  for (int d : duckingByType)
-    if (d <= 99) duckingIsActive = 1;
-  if (duckingIsActive) LOG(LEVEL_DEBUG, "type ducking activated");
+  config_.duckingIsActive = 0;
+  for (int d : config_.duckingByType)
+    if (d <= 99) config_.duckingIsActive = 1;
+  if (config_.duckingIsActive) LOG(LEVEL_DEBUG, "type ducking activated");
 }
 
 int SampleIndex::setGainByType(int type, int gain) {
@@ -216,16 +226,16 @@ int SampleIndex::setGainByType(int type, int gain) {
     return 1;
   }
   LOG(LEVEL_DEBUG, "setting gainByType: type=%d, gain=%d", type, gain);
-  if (gainByType[type] != gain) {
-    gainByType[type] = gain;
-    updateConfig(configBase, configFileToWrite, strFormat("gain_%s", audioTypeNames[type]),
-                 setType == PINSOUND ? gain * 30 / 100 : gain);
+  if (config_.gainByType[type] != gain) {
+    config_.gainByType[type] = gain;
+    updateConfig(config_.configBase, config_.configFileToWrite, strFormat("gain_%s", audioTypeNames[type]),
+                 config_.setType == PINSOUND ? gain * 30 / 100 : gain);
   }
-  if (setType == PINSOUND) {
-    for (auto& node : samplesMap)
+  if (config_.setType == PINSOUND) {
+    for (auto& node : samples_)
       if (node.value->type == type && node.value->gaindefault) node.value->gain = static_cast<uint32_t>(gain);
   }
-  if (hooks.reapplyVolume) hooks.reapplyVolume();
+  if (hooks_.reapplyVolume) hooks_.reapplyVolume();
   return 0;
 }
 
@@ -235,16 +245,16 @@ int SampleIndex::setDuckingByType(int type, int ducking) {
     return 1;
   }
   LOG(LEVEL_DEBUG, "setting duckingByType: type=%d, ducking=%d", type, ducking);
-  if (duckingByType[type] != ducking) {
-    duckingByType[type] = ducking;
-    updateConfig(configBase, configFileToWrite, strFormat("ducking_%s", audioTypeNames[type]), ducking);
+  if (config_.duckingByType[type] != ducking) {
+    config_.duckingByType[type] = ducking;
+    updateConfig(config_.configBase, config_.configFileToWrite, strFormat("ducking_%s", audioTypeNames[type]), ducking);
     setupDuckingConfig();
   }
-  if (setType == PINSOUND) {
-    for (auto& node : samplesMap)
+  if (config_.setType == PINSOUND) {
+    for (auto& node : samples_)
       if (node.value->type == type && node.value->duckingdefault) node.value->ducking = static_cast<uint32_t>(ducking);
   }
-  if (hooks.reapplyVolume) hooks.reapplyVolume();
+  if (hooks_.reapplyVolume) hooks_.reapplyVolume();
   return 0;
 }
 
@@ -324,7 +334,7 @@ int SampleIndex::updateSerialCmdForSample(unsigned id, const char* value) {
   AudioSample* s = lookup(*this, id, "updateSerialCmdForSample");
   if (!s) return 1;
   std::string text = value ? value : "";
-  if (setType == ALTSOUND) {
+  if (config_.setType == ALTSOUND) {
     if (int rc = csv(*s, CSV_SERIAL, text)) return rc;
     s->serialcmd = text;
     return 0;
@@ -341,7 +351,7 @@ int SampleIndex::updateShakerCmdForSample(unsigned id, const char* value) {
   AudioSample* s = lookup(*this, id, "updateShakerCmdForSample");
   if (!s) return 1;
   std::string text = value ? value : "";
-  if (setType == ALTSOUND) {
+  if (config_.setType == ALTSOUND) {
     if (int rc = csv(*s, CSV_SHAKER, text)) return rc;
     parseShakerSequence(text, s->shakersequence);
     return 0;
@@ -362,7 +372,7 @@ int SampleIndex::updateGainForSample(unsigned id, const char* value) {
     LOG(LEVEL_WARN, "updateGainForSample: '%s' is not a number", value);
     return 1;
   }
-  if (setType == ALTSOUND) {
+  if (config_.setType == ALTSOUND) {
     if (int rc = csv(*s, CSV_GAIN, std::to_string(v))) return rc;
     s->gain = static_cast<uint32_t>(v);
     return 0;
@@ -389,7 +399,7 @@ int SampleIndex::updateDuckingForSample(unsigned id, const char* value) {
     return 1;
   }
   v = checkRange(0, 100, v);
-  if (setType == ALTSOUND) {
+  if (config_.setType == ALTSOUND) {
     if (int rc = csv(*s, CSV_DUCK, std::to_string(v))) return rc;
     s->ducking = static_cast<uint32_t>(v);
     return 0;
@@ -411,7 +421,7 @@ int SampleIndex::updateNameForSample(unsigned id, const char* value) {
   if (value == nullptr) return 1;
   AudioSample* s = lookup(*this, id, "updateNameForSample");
   if (!s) return 0;
-  if (setType != ALTSOUND) return 2;
+  if (config_.setType != ALTSOUND) return 2;
   if (int rc = csv(*s, CSV_NAME, value)) return rc;
   s->name = value;
   return 0;
@@ -421,7 +431,7 @@ int SampleIndex::updatePreloadForSample(unsigned id, const char* value) {
   LOG(LEVEL_DEBUG, "setting preload for %i to %s", static_cast<int>(id), value ? value : "(null)");
   AudioSample* s = lookup(*this, id, "updatePreloadForSample");
   if (!s) return 1;
-  if (setType != ALTSOUND) {
+  if (config_.setType != ALTSOUND) {
     LOG(LEVEL_WARN, "setting preload not supported");
     return 2;
   }
@@ -438,7 +448,7 @@ int SampleIndex::updateTypeForSample(unsigned id, int type) {
     LOG(LEVEL_ERROR, "updateTypeForSample: sample %d not found", static_cast<int>(id));
     return 1;
   }
-  switch (setType) {
+  switch (config_.setType) {
     case PINSOUND:
       return moveSoundToGroup(id, type);
     case ALTSOUND: {
@@ -452,7 +462,7 @@ int SampleIndex::updateTypeForSample(unsigned id, int type) {
       return 0;
     }
     default:
-      LOG(LEVEL_ERROR, "change of type not supported for soundset type: %d", static_cast<int>(setType));
+      LOG(LEVEL_ERROR, "change of type not supported for soundset type: %d", static_cast<int>(config_.setType));
       return 2;
   }
 }

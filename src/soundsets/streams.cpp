@@ -37,17 +37,17 @@ Sint64 rwCompSize(SDL_RWops* ctx) {
 
 Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   CompCtx* c = compCtx(ctx);
-  if (c == nullptr || c->f == nullptr) return -1;
+  if (c == nullptr || c->f.get() == nullptr) return -1;
   LOG(LEVEL_TRACE, "comp seek 0x%x. offset: %lld, whence: %d", ptrWord(ctx), static_cast<long long>(offset), whence);
   const int64_t start = c->fileChunk.offset;
   const int64_t size = c->fileChunk.size;
   int rc = -1;
   switch (whence) {
     case RW_SEEK_SET:
-      rc = fseeko(c->f, static_cast<off_t>(start + offset), SEEK_SET);
+      rc = fseeko(c->f.get(), static_cast<off_t>(start + offset), SEEK_SET);
       break;
     case RW_SEEK_END:
-      rc = fseeko(c->f, static_cast<off_t>(start + size + offset), SEEK_SET);
+      rc = fseeko(c->f.get(), static_cast<off_t>(start + size + offset), SEEK_SET);
       break;
     case RW_SEEK_CUR:
       if (offset == 0) {
@@ -59,14 +59,14 @@ Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
             static_cast<long long>(offset), whence, c->fileChunk.size);
         return -1;
       } else {
-        rc = fseeko(c->f, static_cast<off_t>(offset), SEEK_CUR);
+        rc = fseeko(c->f.get(), static_cast<off_t>(offset), SEEK_CUR);
       }
       break;
     default:
       return -1;
   }
   if (rc != 0) return -1;
-  off_t now = ftello(c->f);
+  off_t now = ftello(c->f.get());
   if (now < 0) return -1;
   c->pos = static_cast<int64_t>(now) - start;
   return c->pos;
@@ -74,7 +74,7 @@ Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
 
 size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   CompCtx* c = compCtx(ctx);
-  if (c == nullptr || c->f == nullptr || size == 0 || maxnum == 0) return 0;
+  if (c == nullptr || c->f.get() == nullptr || size == 0 || maxnum == 0) return 0;
   const int64_t extent = c->fileChunk.size;
   uint64_t toRead = 0;
   if (__builtin_mul_overflow(static_cast<uint64_t>(size), static_cast<uint64_t>(maxnum), &toRead)) toRead = UINT64_MAX;
@@ -91,8 +91,8 @@ size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   if (objects == 0) return 0;
   LOG(LEVEL_TRACE, "comp read. pos: %lld, toRead: %llu", static_cast<long long>(c->pos),
       static_cast<unsigned long long>(toRead));
-  size_t got = fread(ptr, size, objects, c->f);
-  off_t now = ftello(c->f);
+  size_t got = fread(ptr, size, objects, c->f.get());
+  off_t now = ftello(c->f.get());
   if (now >= 0) c->pos = static_cast<int64_t>(now) - static_cast<int64_t>(c->fileChunk.offset);
   if (got < objects) {
     LOG(LEVEL_ERROR, "comp read. size: %zu, maxnum: %zu", size, maxnum);
@@ -108,7 +108,6 @@ size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
 int rwCompClose(SDL_RWops* ctx) {
   CompCtx* c = compCtx(ctx);
   if (c == nullptr) return 0;
-  if (c->f) fclose(c->f);
   ctx->hidden.unknown.data1 = nullptr;
   LOG(LEVEL_DEBUG, "closing  0x%x", ptrWord(ctx));
   delete c;
@@ -120,8 +119,8 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
   SDL_RWops* rw = SDL_AllocRW();
   if (rw == nullptr) return nullptr;
   auto* c = new CompCtx();
-  c->f = fopen(path, "rb");
-  if (c->f == nullptr) LOG(LEVEL_ERROR, "could not open container '%s'", path);
+  c->f.reset(fopen(path, "rb"));
+  if (c->f.get() == nullptr) LOG(LEVEL_ERROR, "could not open container '%s'", path);
   if (sample != nullptr && index >= 0 && static_cast<std::size_t>(index) < sample->filechunks.size()) {
     c->fileChunk = sample->filechunks[static_cast<std::size_t>(index)];
   } else {
@@ -129,7 +128,7 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
     LOG(LEVEL_ERROR, "no file chunk %d for sound %u", index, sample ? sample->id : 0u);
   }
   LOG(LEVEL_TRACE, "seeking to %u", c->fileChunk.offset);
-  if (c->f && fseeko(c->f, static_cast<off_t>(c->fileChunk.offset), SEEK_SET) != 0) LOG(LEVEL_ERROR, "seek failed");
+  if (c->f.get() && fseeko(c->f.get(), static_cast<off_t>(c->fileChunk.offset), SEEK_SET) != 0) LOG(LEVEL_ERROR, "seek failed");
   rw->size = rwCompSize;
   rw->seek = rwCompSeek;
   rw->read = rwCompRead;
@@ -145,9 +144,9 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
 
 Sint64 rwZipSize(SDL_RWops* ctx) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->a == nullptr || z->idx < 0) return 0;
+  if (z == nullptr || z->a.get() == nullptr || z->idx < 0) return 0;
   zip_stat_t st;
-  if (zip_stat_index(z->a, static_cast<zip_uint64_t>(z->idx), 0, &st) != 0 || !(st.valid & ZIP_STAT_SIZE)) return 0;
+  if (zip_stat_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0, &st) != 0 || !(st.valid & ZIP_STAT_SIZE)) return 0;
   return static_cast<Sint64>(st.size);
 }
 
@@ -155,17 +154,17 @@ namespace {
 
 // Reopens the entry at its start (a compressed entry cannot seek backwards).
 bool reopenZipEntry(ZipCtx* z) {
-  if (z->f) zip_fclose(z->f);
-  z->f = zip_fopen_index(z->a, static_cast<zip_uint64_t>(z->idx), 0);
+  z->f.reset();
+  z->f.reset(zip_fopen_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0));
   z->pos = 0;
-  return z->f != nullptr;
+  return z->f.get() != nullptr;
 }
 
 }  // namespace
 
 Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->f == nullptr) return -1;
+  if (z == nullptr || z->f.get() == nullptr) return -1;
   const int64_t size = rwZipSize(ctx);
   int64_t target = whence == RW_SEEK_CUR ? z->pos + offset : whence == RW_SEEK_END ? size + offset : offset;
   if (target < 0 || target > size) return -1;
@@ -173,14 +172,14 @@ Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   // from the start again when it lies behind. The new position is returned: the
   // mixer's decoders take SDL_RWtell (a seek by 0) as the position.
   if (z->stored) {
-    if (zip_fseek(z->f, target, SEEK_SET) != 0) return -1;
+    if (zip_fseek(z->f.get(), target, SEEK_SET) != 0) return -1;
     z->pos = target;
     return target;
   }
   if (target < z->pos && !reopenZipEntry(z)) return -1;
   char scratch[4096];
   while (z->pos < target) {
-    zip_int64_t n = zip_fread(z->f, scratch, static_cast<zip_uint64_t>(std::min<int64_t>(target - z->pos, sizeof scratch)));
+    zip_int64_t n = zip_fread(z->f.get(), scratch, static_cast<zip_uint64_t>(std::min<int64_t>(target - z->pos, sizeof scratch)));
     if (n <= 0) return -1;
     z->pos += n;
   }
@@ -189,10 +188,10 @@ Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
 
 size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->f == nullptr || size == 0) return 0;
+  if (z == nullptr || z->f.get() == nullptr || size == 0) return 0;
   zip_uint64_t want = 0;
   if (__builtin_mul_overflow(static_cast<zip_uint64_t>(size), static_cast<zip_uint64_t>(maxnum), &want)) return 0;
-  zip_int64_t got = zip_fread(z->f, ptr, want);
+  zip_int64_t got = zip_fread(z->f.get(), ptr, want);
   if (got < 0) got = 0;
   z->pos += got;
   // A short read at the end of the entry is the normal end of a decode.
@@ -203,8 +202,7 @@ size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
 int rwZipClose(SDL_RWops* ctx) {
   ZipCtx* z = zipCtx(ctx);
   if (z != nullptr) {
-    if (z->f) zip_fclose(z->f);
-    if (z->a) zip_discard(z->a);  // read-only: nothing to write back
+    // The handles close the entry, then discard the read-only archive.
     delete z;
   }
   if (ctx) SDL_FreeRW(ctx);
@@ -216,21 +214,21 @@ SDL_RWops* makeZipRW(const char* zipPath, const AudioSample* sample, int index) 
   if (rw == nullptr) return nullptr;
   auto* z = new ZipCtx();
   int err = 0;
-  z->a = zip_open(zipPath, ZIP_RDONLY, &err);
+  z->a.reset(zip_open(zipPath, ZIP_RDONLY, &err));
   const char* entry = (sample != nullptr && index >= 0 && static_cast<std::size_t>(index) < sample->samples.size())
                           ? sample->samples[static_cast<std::size_t>(index)].c_str()
                           : "";
-  if (z->a != nullptr) {
-    z->idx = zip_name_locate(z->a, entry, 0);
-    if (z->idx >= 0) z->f = zip_fopen_index(z->a, static_cast<zip_uint64_t>(z->idx), 0);
+  if (z->a.get() != nullptr) {
+    z->idx = zip_name_locate(z->a.get(), entry, 0);
+    if (z->idx >= 0) z->f.reset(zip_fopen_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0));
     zip_stat_t st;
     // A failed zip_fseek leaves the entry in an error state, so only stored entries
     // are ever asked to seek.
-    z->stored = z->f != nullptr && zip_stat_index(z->a, static_cast<zip_uint64_t>(z->idx), 0, &st) == 0 &&
+    z->stored = z->f.get() != nullptr && zip_stat_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0, &st) == 0 &&
                 (st.valid & ZIP_STAT_COMP_METHOD) && st.comp_method == ZIP_CM_STORE &&
                 (!(st.valid & ZIP_STAT_ENCRYPTION_METHOD) || st.encryption_method == ZIP_EM_NONE);
   }
-  if (z->f == nullptr) LOG(LEVEL_ERROR, "could not find zip entry %s", entry);
+  if (z->f.get() == nullptr) LOG(LEVEL_ERROR, "could not find zip entry %s", entry);
   rw->size = rwZipSize;
   rw->seek = rwZipSeek;
   rw->read = rwZipRead;

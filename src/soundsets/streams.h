@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <string>
 
+#include "base/handles.h"
 #include "soundsets/model.h"
 
 namespace korvo {
@@ -22,15 +23,15 @@ namespace korvo {
 // State of a container stream. `pos` is relative to the first audio byte; the chunk
 // is a copy of the sample's entry, so the record may change while the stream is open.
 struct CompCtx {
-  FILE* f = nullptr;
+  FileHandle f;
   int64_t pos = 0;
   CompFileChunk fileChunk;
 };
 
 // State of a zip stream; `pos` is the position in the uncompressed entry.
 struct ZipCtx {
-  zip_t* a = nullptr;
-  zip_file_t* f = nullptr;
+  ZipHandle a;
+  ZipFileHandle f;  // declared after `a`: closed before the archive
   int64_t idx = -1;
   int64_t pos = 0;
   bool stored = false;  // uncompressed: zip_fseek works

@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
-#include <memory>
+#include <filesystem>
+#include <vector>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 
@@ -18,12 +20,7 @@ namespace korvo {
 
 namespace {
 
-struct ZipFileCloser {
-  void operator()(zip_file_t* f) const {
-    if (f) zip_fclose(f);
-  }
-};
-using ZipFilePtr = std::unique_ptr<zip_file_t, ZipFileCloser>;
+namespace fs = std::filesystem;
 
 // mkdir -p with mode 0755; true when the directory exists afterwards.
 bool makeDirs(const std::string& path) {
@@ -52,9 +49,30 @@ bool writeAll(int fd, const char* data, std::size_t len) {
   return true;
 }
 
-// Copies one entry to `dest` through a temporary file in the same directory.
+// Copies the entry's bytes to `fd` until its stated size is reached.
+int copyEntry(zip_file_t* zf, const zip_stat_t& st, int fd, const std::string& dest) {
+  // Small blocks keep the footprint low on the board; the entry's size decides the end.
+  char buf[100];
+  zip_uint64_t sum = 0;
+  const zip_uint64_t total = (st.valid & ZIP_STAT_SIZE) ? st.size : 0;
+  while (sum < total) {
+    zip_int64_t len = zip_fread(zf, buf, sizeof buf);
+    if (len <= 0) {  // an error, or an entry shorter than its stated size
+      LOG(LEVEL_ERROR, "len does not match, zip corrupt?");
+      return UNZIP_ENTRY_READ;
+    }
+    if (!writeAll(fd, buf, static_cast<std::size_t>(len))) {
+      LOG(LEVEL_ERROR, "cant write destination file: %s: %s", dest.c_str(), strerror(errno));
+      return UNZIP_DEST_CREATE;
+    }
+    sum += static_cast<zip_uint64_t>(len);
+  }
+  return UNZIP_OK;
+}
+
+// Writes one entry to `dest` inside the private staging directory.
 int extractEntry(zip_t* za, zip_uint64_t index, const zip_stat_t& st, const std::string& dest) {
-  ZipFilePtr zf(zip_fopen_index(za, index, 0));
+  ZipFileHandle zf(zip_fopen_index(za, index, 0));
   if (!zf) {
     LOG(LEVEL_ERROR, "cant open zip file index");
     return UNZIP_ENTRY_OPEN;
@@ -65,52 +83,163 @@ int extractEntry(zip_t* za, zip_uint64_t index, const zip_stat_t& st, const std:
     LOG(LEVEL_ERROR, "cant open destination file: %s", dest.c_str());
     return UNZIP_DEST_CREATE;
   }
-  std::string tmp = dest + ".tmpXXXXXX";
-  int fd = mkstemp(tmp.data());
-  if (fd < 0) {
+  Fd fd(::open(dest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd) {
     LOG(LEVEL_ERROR, "cant open destination file: %s", dest.c_str());
     return UNZIP_DEST_CREATE;
   }
-  fchmod(fd, 0644);
-  // Small blocks keep the footprint low on the board; the entry's size decides the end.
-  char buf[100];
-  zip_uint64_t sum = 0;
-  const zip_uint64_t total = (st.valid & ZIP_STAT_SIZE) ? st.size : 0;
-  int rc = UNZIP_OK;
-  while (sum < total) {
-    zip_int64_t len = zip_fread(zf.get(), buf, sizeof buf);
-    if (len <= 0) {  // an error, or an entry shorter than its stated size
-      LOG(LEVEL_ERROR, "len does not match, zip corrupt?");
-      rc = UNZIP_ENTRY_READ;
-      break;
-    }
-    if (!writeAll(fd, buf, static_cast<std::size_t>(len))) {
-      LOG(LEVEL_ERROR, "cant write destination file: %s: %s", dest.c_str(), strerror(errno));
-      rc = UNZIP_DEST_CREATE;
-      break;
-    }
-    sum += static_cast<zip_uint64_t>(len);
-  }
-  if (rc == UNZIP_OK && fsync(fd) != 0) {
+  fchmod(fd.get(), 0644);
+  int rc = copyEntry(zf.get(), st, fd.get(), dest);
+  if (rc == UNZIP_OK && (fsync(fd.get()) != 0 || fd.close() != 0)) {
     LOG(LEVEL_ERROR, "cant write destination file: %s: %s", dest.c_str(), strerror(errno));
     rc = UNZIP_DEST_CREATE;
   }
-  ::close(fd);
   // libzip checks the CRC when the entry is closed after a full read.
   if (rc == UNZIP_OK && zip_fclose(zf.release()) != 0) {
     LOG(LEVEL_ERROR, "len does not match, zip corrupt?");
     rc = UNZIP_ENTRY_READ;
   }
-  if (rc == UNZIP_OK && ::rename(tmp.c_str(), dest.c_str()) != 0) {
-    LOG(LEVEL_ERROR, "cant open destination file: %s", dest.c_str());
-    rc = UNZIP_DEST_CREATE;
+  return rc;
+}
+
+// Refuses the whole archive before anything is written when one entry would land
+// outside the target: a half-unpacked hostile archive is worse than none.
+bool entriesStayInside(zip_t* za, const char* archive) {
+  const zip_int64_t count = zip_get_num_entries(za, 0);
+  for (zip_int64_t i = 0; i < count; ++i) {
+    zip_stat_t st;
+    if (zip_stat_index(za, static_cast<zip_uint64_t>(i), 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) continue;
+    if (!isContainedPath(st.name)) {
+      LOG(LEVEL_ERROR, "refusing zip entry '%s' of '%s': it leaves the target directory", st.name, archive);
+      return false;
+    }
   }
-  if (rc != UNZIP_OK) {
-    ::unlink(tmp.c_str());
-    return rc;
+  return true;
+}
+
+// Every entry, in index order, below the staging directory.
+int extractAll(zip_t* za, const std::string& stage) {
+  const zip_int64_t count = zip_get_num_entries(za, 0);
+  for (zip_int64_t i = 0; i < count; ++i) {
+    zip_stat_t st;
+    if (zip_stat_index(za, static_cast<zip_uint64_t>(i), 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) continue;
+    std::string_view name(st.name);
+    if (name.empty()) continue;
+    if (name.back() == '/') {
+      LOG(LEVEL_DEBUG, "mkdir %s", st.name);
+      std::string dir = prefixDir(stage.c_str(), name);
+      if (!makeDirs(dir)) {
+        LOG(LEVEL_ERROR, "cant make directory %s: %s", dir.c_str(), strerror(errno));
+        return UNZIP_MKDIR;
+      }
+      continue;
+    }
+    int rc = extractEntry(za, static_cast<zip_uint64_t>(i), st, prefixDir(stage.c_str(), name));
+    if (rc != UNZIP_OK) return rc;
   }
-  syncDirectoryOf(dest);
   return UNZIP_OK;
+}
+
+// A fresh directory the archive is unpacked into before it is moved into place;
+// removed with everything in it unless the move took it.
+class Staging {
+ public:
+  // In the target's parent, so that the move is a rename on the same file system.
+  bool create(const fs::path& target) {
+    std::string pattern = (target.parent_path() / ("." + target.filename().string() + ".unzipXXXXXX")).string();
+    if (mkdtemp(pattern.data()) == nullptr) return false;
+    dir_ = pattern;
+    ::chmod(dir_.c_str(), 0755);
+    return true;
+  }
+  ~Staging() {
+    if (dir_.empty()) return;
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  const std::string& dir() const { return dir_; }
+
+ private:
+  std::string dir_;
+};
+
+// True when moving the staged tree `from` into `to` replaces nothing but plain files:
+// an existing symbolic link is never followed nor replaced, and a file never takes
+// the place of a directory (or the other way round).
+bool mergeIsSafe(const std::string& from, const std::string& to, const std::string& rel) {
+  DirHandle d(opendir(from.c_str()));
+  if (!d) return false;
+  while (dirent* e = readdir(d.get())) {
+    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+    const std::string src = from + "/" + e->d_name, dst = to + "/" + e->d_name, name = rel + e->d_name;
+    struct stat s{}, t{};
+    if (::lstat(dst.c_str(), &t) != 0) continue;  // new here
+    if (::lstat(src.c_str(), &s) != 0) return false;
+    if (S_ISLNK(t.st_mode)) {
+      LOG(LEVEL_ERROR, "refusing zip entry '%s': it is a symbolic link in the target directory", name.c_str());
+      return false;
+    }
+    if (S_ISDIR(s.st_mode) != S_ISDIR(t.st_mode)) {
+      LOG(LEVEL_ERROR, "refusing zip entry '%s': the target directory holds another kind of file there", name.c_str());
+      return false;
+    }
+    if (S_ISDIR(s.st_mode) && !mergeIsSafe(src, dst, name + "/")) return false;
+  }
+  return true;
+}
+
+// Moves the staged tree into `to`: new names by rename, existing directories entry by
+// entry, existing files replaced by rename. mergeIsSafe ran first.
+bool mergeInto(const std::string& from, const std::string& to) {
+  std::vector<std::string> names;  // read first: the loop below empties the directory
+  {
+    DirHandle d(opendir(from.c_str()));
+    if (!d) return false;
+    while (dirent* e = readdir(d.get()))
+      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.emplace_back(e->d_name);
+  }
+  bool ok = true;
+  for (const std::string& name : names) {
+    const std::string src = from + "/" + name, dst = to + "/" + name;
+    struct stat t{};
+    if (::lstat(dst.c_str(), &t) == 0 && S_ISDIR(t.st_mode)) {
+      ok = mergeInto(src, dst) && ok;
+    } else if (::rename(src.c_str(), dst.c_str()) != 0) {
+      LOG(LEVEL_ERROR, "cant move %s to %s: %s", src.c_str(), dst.c_str(), strerror(errno));
+      ok = false;
+    }
+  }
+  syncDirectoryOf(to + "/.");
+  return ok;
+}
+
+// The target as a directory path without a trailing separator ("." when none given);
+// an existing target is taken where it really lies.
+fs::path targetPath(const char* target) {
+  fs::path p = fs::absolute((target == nullptr || *target == '\0') ? "." : target).lexically_normal();
+  if (p.filename().empty()) p = p.parent_path();
+  std::error_code ec;
+  fs::path real = fs::canonical(p, ec);
+  return ec ? p : real;
+}
+
+// Puts the complete staged tree in place.
+int moveIntoPlace(Staging& stage, const fs::path& target) {
+  struct stat st{};
+  if (::lstat(target.c_str(), &st) != 0) {
+    if (::rename(stage.dir().c_str(), target.c_str()) != 0) {
+      LOG(LEVEL_ERROR, "cant make directory %s: %s", target.c_str(), strerror(errno));
+      return UNZIP_MKDIR;
+    }
+    syncDirectoryOf(target.string());
+    return UNZIP_OK;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    LOG(LEVEL_ERROR, "cant make directory %s: not a directory", target.c_str());
+    return UNZIP_MKDIR;
+  }
+  if (!mergeIsSafe(stage.dir(), target.string(), "")) return UNZIP_DEST_CREATE;
+  return mergeInto(stage.dir(), target.string()) ? UNZIP_OK : UNZIP_DEST_CREATE;
 }
 
 }  // namespace
@@ -138,63 +267,41 @@ std::string prefixDir(const char* dir, std::string_view name) {
 
 int unzip(const char* archive, const char* target) {
   int err = 0;
-  zip_t* za = zip_open(archive, ZIP_RDONLY, &err);
-  if (za == nullptr) {
+  ZipHandle za(zip_open(archive, ZIP_RDONLY, &err));
+  if (!za) {
     zip_error_t error;
     zip_error_init_with_code(&error, err);
     LOG(LEVEL_ERROR, "can't open zip archive `%s': %s/n", archive, zip_error_strerror(&error));
     zip_error_fini(&error);
     return UNZIP_ARCHIVE;
   }
-  const zip_int64_t count = zip_get_num_entries(za, 0);
-  // Refuse the whole archive before anything is written when one entry would land
-  // outside the target: a half-unpacked hostile archive is worse than none.
-  for (zip_int64_t i = 0; i < count; ++i) {
-    zip_stat_t st;
-    if (zip_stat_index(za, static_cast<zip_uint64_t>(i), 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) continue;
-    if (!isContainedPath(st.name)) {
-      LOG(LEVEL_ERROR, "refusing zip entry '%s' of '%s': it leaves the target directory", st.name, archive);
-      zip_discard(za);
-      return UNZIP_DEST_CREATE;
-    }
+  if (!entriesStayInside(za.get(), archive)) return UNZIP_DEST_CREATE;
+  const fs::path dest = targetPath(target);
+  Staging stage;
+  if (!makeDirs(dest.parent_path().string()) || !stage.create(dest)) {
+    LOG(LEVEL_ERROR, "cant make directory %s: %s", dest.parent_path().c_str(), strerror(errno));
+    return UNZIP_MKDIR;
   }
-  int rc = UNZIP_OK;
-  for (zip_int64_t i = 0; i < count && rc == UNZIP_OK; ++i) {
-    zip_stat_t st;
-    if (zip_stat_index(za, static_cast<zip_uint64_t>(i), 0, &st) != 0 || !(st.valid & ZIP_STAT_NAME)) continue;
-    std::string_view name(st.name);
-    if (name.empty()) continue;
-    if (name.back() == '/') {
-      LOG(LEVEL_DEBUG, "mkdir %s", st.name);
-      std::string dir = prefixDir(target, name);
-      if (!makeDirs(dir)) {
-        LOG(LEVEL_ERROR, "cant make directory %s: %s", dir.c_str(), strerror(errno));
-        rc = UNZIP_MKDIR;
-      }
-      continue;
-    }
-    rc = extractEntry(za, static_cast<zip_uint64_t>(i), st, prefixDir(target, name));
-  }
-  if (rc != UNZIP_OK) {
-    zip_discard(za);
-    return rc;
-  }
-  if (zip_close(za) != 0) {
+  int rc = extractAll(za.get(), stage.dir());
+  if (rc != UNZIP_OK) return rc;
+  if (zip_close(za.get()) != 0) {
     LOG(LEVEL_ERROR, "can't close zip archive '%s'", archive);
-    zip_discard(za);
     return UNZIP_ARCHIVE;
   }
-  return UNZIP_OK;
+  za.release();  // closed
+  return moveIntoPlace(stage, dest);
 }
 
+int unzip(const std::string& archive, const std::string& targetDir) { return unzip(archive.c_str(), targetDir.c_str()); }
+
 void do_zip_dir(zip_t* za, const char* base, const char* dir) {
-  DIR* d = opendir(dir);
-  if (d == nullptr) {
+  DirHandle d(opendir(dir));
+  if (!d) {
     LOG(LEVEL_ERROR, "open dir %s", dir);
     return;
   }
   const std::size_t baseLen = strlen(base);
-  while (struct dirent* e = readdir(d)) {
+  while (struct dirent* e = readdir(d.get())) {
     std::string path = strFormat("%s/%s", dir, e->d_name);
     struct stat st{};
     if (::lstat(path.c_str(), &st) != 0) continue;
@@ -202,41 +309,39 @@ void do_zip_dir(zip_t* za, const char* base, const char* dir) {
     std::string rel = path.substr(std::min(baseLen, path.size()));
     while (!rel.empty() && rel.front() == '/') rel.erase(0, 1);
     if (S_ISREG(st.st_mode)) {
-      zip_source_t* src = zip_source_file(za, path.c_str(), 0, -1);
+      ZipSourceHandle src(zip_source_file(za, path.c_str(), 0, -1));
       LOG(LEVEL_DEBUG, "adding %s to zip", path.c_str());
-      if (src == nullptr || zip_file_add(za, rel.c_str(), src, ZIP_FL_ENC_UTF_8) < 0) {
+      if (!src || zip_file_add(za, rel.c_str(), src.get(), ZIP_FL_ENC_UTF_8) < 0) {
         LOG(LEVEL_ERROR, "reading / adding zip source '%s': %s", path.c_str(), zip_strerror(za));
-        if (src) zip_source_free(src);
+      } else {
+        src.release();  // the archive owns it now
       }
     } else if (S_ISDIR(st.st_mode) && e->d_name[0] != '.') {
       LOG(LEVEL_DEBUG, "adding dir %s to zip", path.c_str());
-      if (zip_dir_add(za, rel.c_str(), ZIP_FL_ENC_UTF_8) < 0) {
-        LOG(LEVEL_ERROR, "adding dir to zip: %s", zip_strerror(za));
-      }
+      if (zip_dir_add(za, rel.c_str(), ZIP_FL_ENC_UTF_8) < 0) LOG(LEVEL_ERROR, "adding dir to zip: %s", zip_strerror(za));
       do_zip_dir(za, base, path.c_str());
     }
   }
-  closedir(d);
 }
 
 int pack_zip(const char* archive, const char* dir) {
   LOG(LEVEL_INFO, "creating zip '%s' of dir '%s'", archive, dir);
   int err = 0;
-  zip_t* za = zip_open(archive, ZIP_CREATE | ZIP_EXCL, &err);
-  if (za == nullptr) {
+  ZipHandle za(zip_open(archive, ZIP_CREATE | ZIP_EXCL, &err));
+  if (!za) {
     zip_error_t error;
     zip_error_init_with_code(&error, err);
     LOG(LEVEL_ERROR, "open zip archive: %s", zip_error_strerror(&error));
     zip_error_fini(&error);
     return 1;
   }
-  do_zip_dir(za, dir, dir);
+  do_zip_dir(za.get(), dir, dir);
   LOG(LEVEL_INFO, "closing zip '%s'", archive);
-  if (zip_close(za) != 0) {
-    LOG(LEVEL_ERROR, "can't close zip archive '%s': %s", archive, zip_strerror(za));
-    zip_discard(za);
+  if (zip_close(za.get()) != 0) {
+    LOG(LEVEL_ERROR, "can't close zip archive '%s': %s", archive, zip_strerror(za.get()));
     return 1;
   }
+  za.release();  // closed
   return 0;
 }
 

@@ -10,22 +10,33 @@
 
 namespace korvo {
 
-// Result codes of `unzip`.
+// Result codes of `unzip`. Whatever the code, a failed unpack leaves nothing behind:
+// the target is as it was before the call.
 enum UnzipResult : int {
-  UNZIP_OK = 0,
-  UNZIP_ARCHIVE = 1,         // archive cannot be opened or closed
-  UNZIP_MKDIR = 2,           // a directory cannot be made
-  UNZIP_ENTRY_OPEN = 100,    // an entry cannot be opened
-  UNZIP_DEST_CREATE = 101,   // a destination file cannot be created (or would leave the target)
+  UNZIP_OK = 0,              // every entry is in place
+  UNZIP_ARCHIVE = 1,         // the archive cannot be opened or closed (not a zip, damaged directory)
+  UNZIP_MKDIR = 2,           // a directory cannot be made (also: the target is not a directory,
+                             // its parent is not writable)
+  UNZIP_ENTRY_OPEN = 100,    // an entry cannot be opened (unsupported method, encrypted)
+  UNZIP_DEST_CREATE = 101,   // a file cannot be created or moved into place; also an entry that
+                             // would leave the target (absolute, "..") or land on a symbolic
+                             // link or a different kind of file already in the target
   UNZIP_ENTRY_READ = 102,    // an entry cannot be read (short, corrupt, bad checksum)
 };
 
 // Unpacks every entry of `archive` below `target` (null or empty: the working
-// directory). Entry names that are absolute or climb with ".." are refused before
-// anything is written. Each file is written to a temporary name beside it, synced
-// and renamed, so a power cut never leaves a half-written sample. An error stops at
-// once; files already written stay.
+// directory); the target and its parents are made when missing. Entry names that are
+// absolute or climb with ".." are refused before anything is written.
+//
+// The archive is unpacked whole into a fresh hidden directory beside the target (in
+// its parent, so moving it is a rename) and moved into place only when every entry
+// was read and synced: into a missing target by one rename, into an existing one
+// entry by entry (existing files of the same name are replaced, others stay). A
+// symbolic link already in the target is never followed or replaced: the archive is
+// refused instead. Runs on the caller's thread (an HTTP upload, a test); no shared
+// state.
 int unzip(const char* archive, const char* target);
+int unzip(const std::string& archive, const std::string& targetDir);
 
 // Packs the tree below `dir` into a new archive (it must not exist yet). Hidden
 // directories are skipped, hidden files are packed. 0 on success, non-zero on failure.

@@ -68,7 +68,7 @@ std::map<unsigned, SoundFacts> factsOfContainer(const std::string& path, const t
   SampleIndex index;
   EXPECT_EQ(readSamplesFromBinary(index, path), 0);
   std::map<unsigned, SoundFacts> out;
-  for (auto& node : index.samplesMap) {
+  for (auto& node : index.samplesMap()) {
     const AudioSample& s = *node.value;
     SoundFacts f{static_cast<int>(s.type), s.name, s.gain, s.ducking, {}};
     for (const CompFileChunk& c : s.filechunks) {
@@ -96,8 +96,8 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   SampleIndex scanned;
   ASSERT_EQ(scanned.initSamples(*catalogue.get(1), 0), 0);
   auto facts1 = factsOfContainer(out1, scratch);
-  ASSERT_EQ(facts1.size(), static_cast<size_t>(scanned.samplesMap.mapSize()));
-  for (auto& node : scanned.samplesMap) {
+  ASSERT_EQ(facts1.size(), static_cast<size_t>(scanned.samplesMap().mapSize()));
+  for (auto& node : scanned.samplesMap()) {
     const AudioSample& s = *node.value;
     ASSERT_TRUE(facts1.count(node.key)) << node.key;
     const SoundFacts& f = facts1[node.key];
@@ -121,7 +121,7 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   for (auto& [id, f] : facts1) EXPECT_EQ(facts2[id], f) << "sound " << id;
   SampleIndex stripped;
   ASSERT_EQ(readSamplesFromBinary(stripped, out2), 0);
-  for (auto& node : stripped.samplesMap)
+  for (auto& node : stripped.samplesMap())
     for (size_t i = 0; i < node.value->samples.size(); ++i)
       EXPECT_EQ(node.value->samples[i], std::to_string(node.key) + "-" + std::to_string(i) + ".ogg");
 

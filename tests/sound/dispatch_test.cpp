@@ -36,8 +36,8 @@ TEST_F(Dispatch, CapturedLevelFollowsTheGainFormula) {
   for (const Case& c : {Case{0, 50, 50, -1, 1}, Case{128, 100, 100, -1, 128}, Case{100, 100, 100, 80, 128},
                         Case{40, 100, 100, 0, 1}, Case{40, 60, 45, -1, 45}}) {
     settings.volume = c.master;
+    engine->index().setGainByType(SFX, c.typeGain);
     s->gain = c.sampleGain;
-    engine->index().gainByType[SFX] = c.typeGain;
     EXPECT_EQ(c.want, engine->getVolumeForSample(s, c.override)) << c.master << " " << c.override;
   }
 }

@@ -38,7 +38,7 @@ TEST_F(Music, DuckedMusicIsQuieterInTheCapturedOutput) {
   loadSets();
   {
     auto lk = engine->lock();
-    engine->index().duckingByType[VOICE] = 50;
+    engine->index().setDuckingByType(VOICE, 50);
     engine->getSampleForId(20)->ducking = 50;
   }
   settings.playMusicInLoops = 1;

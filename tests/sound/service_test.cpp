@@ -81,8 +81,7 @@ TEST_F(ServiceThread, JingleEndResumesMusicOnlyWithoutDucking) {
   // Ducking off: the jingle fades the music and its end brings it back.
   {
     auto lk = engine->lock();
-    for (auto& d : engine->index().duckingByType) d = 100;
-    engine->index().setupDuckingConfig();
+    for (int t = 0; t < kAudioTypeCount; ++t) engine->index().setDuckingByType(t, 100);
   }
   ASSERT_TRUE(waitIdle(30));
   drain();

@@ -47,7 +47,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
     engine->handleSoundByTypeWithIdx(static_cast<int>(ids[i % 7]), i % 3 == 0 ? 0 : -1, i % 5 == 0 ? 60 : -1);
     engine->setVolume(60 + i % 60);
     auto lk = engine->lock();
-    for (auto& node : engine->index().samplesMap) (void)node.value->lastused;
+    for (auto& node : engine->index().samplesMap()) (void)node.value->lastused;
   });
   spawn(us(15000), [&](int i) {  // set switches, direct and through the ring
     if (i % 2)
@@ -69,7 +69,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   drain();
   for (int ch = 0; ch < kMixChannels; ch++) EXPECT_EQ(kChannelIdle, engine->idPlayingOnChannel(ch));
   auto lk = engine->lock();
-  for (auto& node : engine->index().samplesMap) EXPECT_EQ(AudioSample::kNotPlaying, node.value->isplayingonchannel);
+  for (auto& node : engine->index().samplesMap()) EXPECT_EQ(AudioSample::kNotPlaying, node.value->isplayingonchannel);
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 TEST(AltsoundRead, EightColumnPackFromWindows) {
   test::LogCapture cap(LEVEL_WARN);
   PackFixture fx(kPack8);
-  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 4);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 4);
   AudioSample *theme = fx.idx.getSampleForId(1), *hello = fx.idx.getSampleForId(2), *jingle = fx.idx.getSampleForId(4);
   ASSERT_TRUE(theme && hello && jingle);
   EXPECT_EQ(traits(theme), (Traits{MUSIC, 80, 100, "Main Theme"}));
@@ -166,6 +166,28 @@ TEST(AltsoundWrite, MissingColumnsExtendTheHeaderAndPadRows) {
   EXPECT_EQ(fx.reread(fx.dir)->getSampleForId(0x11)->type, SINGLE);
 }
 
+TEST(AltsoundBadInput, FileNamesThatNameADirectoryAreRefusedWithTheirLine) {
+  StorageFixture fx;
+  const std::string dir = (fx.tmp / "d").string();
+  std::filesystem::create_directories(fx.tmp / "d/Sub");
+  test::writeFile(fx.tmp / "d/ok.ogg", "x");
+  test::writeFile(fx.tmp / "d/altsound.csv",
+                  "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME\n0x01,,,,,,dot,.\n0x02,,,,,,sub,sub\n"
+                  "0x03,,,,,,slash,./\n0x04,,,,,,ok,ok.ogg\n0x05,,,,,,trail,SUB/\n");
+  test::writeFile(fx.tmp / "g/g-sound.csv", "ID,TYPE,GAIN,DUCKING_PROFILE,FNAME\n0x01,sfx,50,0,.\n0x02,sfx,50,0,ok.ogg\n");
+  test::writeFile(fx.tmp / "g/ok.ogg", "x");
+  test::LogCapture cap;
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 1);
+  ASSERT_NE(fx.idx.getSampleForId(4), nullptr);
+  for (int line : {2, 3, 4, 6})
+    EXPECT_TRUE(cap.contains(dir + "/altsound.csv:" + std::to_string(line) + ": skipping row whose file name")) << line;
+  ASSERT_EQ(readSamplesFromCsv(fx.idx, (fx.tmp / "g").string()), 0);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 1);
+  EXPECT_NE(fx.idx.getSampleForId(2), nullptr);
+  EXPECT_TRUE(cap.contains((fx.tmp / "g/g-sound.csv").string() + ":2: skipping row whose file name"));
+}
+
 TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
   StorageFixture fx;
   std::string dir = (fx.tmp / "g").string();
@@ -181,7 +203,7 @@ TEST(AltsoundGSound, ReadsProfilesAndRefusesEdits) {
   EXPECT_EQ(findCsvTable(dir, &gsound), dir + "/g-sound.csv");
   EXPECT_TRUE(gsound);
   ASSERT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
-  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 5);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 5);
   const std::pair<AudioType, unsigned> want[] = {{MUSIC, 100}, {VOICE, 50}, {SFX, 100}, {SINGLE, 0}, {JINGLE, 0}};
   for (unsigned id = 2; id <= 3; ++id) EXPECT_EQ(fx.idx.getSampleForId(id)->ducking, want[id - 1].second) << id;
   for (unsigned id = 1; id <= 5; ++id) EXPECT_EQ(fx.idx.getSampleForId(id)->type, want[id - 1].first) << id;
@@ -207,7 +229,7 @@ TEST(AltsoundExport, ExportedPackReadsBackTheSameSounds) {
   EXPECT_NE(csv.find("0x0011,,70,40,0,0,\"Boom, big\",0x0011-boom.ogg,,\"100,200,300\",P1;P2,0,,sfx\n"), std::string::npos)
       << csv;
   auto back = fx.reread(out);
-  ASSERT_EQ(back->samplesMap.mapSize(), 3);
+  ASSERT_EQ(back->samplesMap().mapSize(), 3);
   for (unsigned id : {0x10u, 0x11u, 0x12u}) {
     AudioSample *a = fx.idx.getSampleForId(id), *b = back->getSampleForId(id);
     ASSERT_TRUE(b) << id;
@@ -227,10 +249,10 @@ TEST(AltsoundBadInput, GarbageTablesNeverCrashAndLeaveTheMapWhenUnreadable) {
   std::filesystem::create_directories(dir);
   test::LogCapture cap;
   EXPECT_EQ(readSamplesFromCsv(fx.idx, dir), -1);
-  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 1);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 1);
   test::writeFile(fx.tmp / "empty/ALTSOUND.CSV", std::string("\"unterminated,,,\n\0\0\xff,\"\",,,,,,,,,,,,,,,,,,\n,,,\n", 40));
   EXPECT_EQ(readSamplesFromCsv(fx.idx, dir), 0);
-  EXPECT_EQ(fx.idx.samplesMap.mapSize(), 0);
+  EXPECT_EQ(fx.idx.samplesMap().mapSize(), 0);
   uint32_t id = 0;
   EXPECT_TRUE(parseHexId("0X00001a", id));
   EXPECT_EQ(id, 0x1Au);

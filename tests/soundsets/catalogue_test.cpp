@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 
 #include "soundsets/catalogue.h"
 #include "storage_fixture.h"
@@ -37,6 +38,33 @@ TEST(Catalogue, FindsSetsByTypeInDirectoryOrder) {
   EXPECT_EQ(cat.get(0), nullptr);
   EXPECT_EQ(cat.clampIndex(7), 3);
   EXPECT_EQ(cat.clampIndex(-2), 1);
+}
+
+TEST(Catalogue, AltSoundTablesAreFoundUnderEveryNameAndCase) {
+  TempDir base;
+  for (const char* f : {"upper/G-SOUND.CSV", "lower/g-sound.csv", "mixed/AltSound.csv", "plain/altsound.csv",
+                        "inionly/altsound.ini", "inionly/readme.csv"})
+    writeFile(base / f, "ID\n");
+  SoundSetCatalogue cat;
+  cat.searchSoundSets(base.str());
+  std::set<std::string> names;
+  for (int i = 1; i <= cat.maxSoundSets; ++i) {
+    EXPECT_EQ(cat.get(i)->type, ALTSOUND) << cat.get(i)->name;
+    names.insert(cat.get(i)->name);
+  }
+  EXPECT_EQ(names, (std::set<std::string>{"upper", "lower", "mixed", "plain"}));
+  // A listed pack also loads under its upper-case table name.
+  writeFile(base / "upper/G-SOUND.CSV", "ID,TYPE,GAIN,DUCKING_PROFILE,FNAME\n0x05,callout,50,0,A.OGG\n");
+  writeFile(base / "upper/a.ogg", "x");
+  for (int i = 1; i <= cat.maxSoundSets; ++i) {
+    if (cat.get(i)->name != "upper") continue;
+    Settings s;
+    SampleIndex idx(s);
+    ASSERT_EQ(idx.initSamples(*cat.get(i), 0), 0);
+    ASSERT_NE(idx.getSampleForId(5), nullptr);
+    EXPECT_EQ(idx.getSampleForId(5)->type, VOICE);
+    EXPECT_EQ(idx.getSampleForId(5)->samples, std::vector<std::string>{base.str() + "/upper/a.ogg"});
+  }
 }
 
 TEST(Catalogue, AtMostTenAndUnreadableBase) {
@@ -95,25 +123,25 @@ TEST(IdMapping, LinesPlainFilesGzipAndDamagedGzip) {
   const std::pair<const char*, int> lines[] = {{"1F 900123", 1}, {"# 1F 900124", 0}, {"1F", -1},
                                                {"zz 900125", -1}, {"gain_music=10", 0}, {"20 900123", 1}};
   for (auto [line, rc] : lines) EXPECT_EQ(idx.handleLine(line), rc) << line;
-  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
-  EXPECT_EQ(*idx.hashesMap.mapGet1(900123), 0x20u);  // a later line replaces
+  EXPECT_EQ(idx.hashesMap().mapSize(), 1);
+  EXPECT_EQ(*idx.hashesMap().mapGet1(900123), 0x20u);  // a later line replaces
 
   writeFile(dir / "config.mellosnd", "1F 900123\r\njunk line\r\n\r\n#2 3\r\n2a 900124");
   LogCapture cap;
   EXPECT_EQ(idx.loadHashMapping(dir.str()), 1);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 2);
-  EXPECT_EQ(*idx.hashesMap.mapGet1(900124), 0x2Au);
+  EXPECT_EQ(idx.hashesMap().mapSize(), 2);
+  EXPECT_EQ(*idx.hashesMap().mapGet1(900124), 0x2Au);
   EXPECT_TRUE(cap.contains("line 2 is not a mapping, ignored"));
   EXPECT_TRUE(cap.contains("loaded 2 hashes"));
   test::writeGzip(dir / "4711.mellosnd", "0a 1\n0b 2\n");
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "4711.mellosnd"), 1);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 2);  // the previous mapping is gone
-  EXPECT_EQ(*idx.hashesMap.mapGet1(2), 0x0Bu);
+  EXPECT_EQ(idx.hashesMap().mapSize(), 2);  // the previous mapping is gone
+  EXPECT_EQ(*idx.hashesMap().mapGet1(2), 0x0Bu);
   writeFile(dir / "5.mellosnd", "0c 3\n");  // named by a number, yet not gzip: still read
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "5.mellosnd"), 1);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 1);
+  EXPECT_EQ(idx.hashesMap().mapSize(), 1);
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "none.mellosnd"), 0);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 0);
+  EXPECT_EQ(idx.hashesMap().mapSize(), 0);
   EXPECT_TRUE(cap.contains("no hashes found in '" + dir.str() + "/none.mellosnd'"));
   // A damaged stream is refused calmly.
   test::writeGzip(dir / "6.mellosnd", std::string(5000, '\n') + "0d 4\n");
@@ -122,7 +150,7 @@ TEST(IdMapping, LinesPlainFilesGzipAndDamagedGzip) {
   bytes.back() ^= 0x55;
   writeFile(dir / "6.mellosnd", bytes);
   EXPECT_EQ(idx.loadHashMappingByName(dir.str(), "6.mellosnd"), 1);
-  EXPECT_EQ(idx.hashesMap.mapSize(), 0);
+  EXPECT_EQ(idx.hashesMap().mapSize(), 0);
 }
 
 TEST(MoveSound, RefusesWhatWouldLoseOrMisplaceData) {
@@ -141,7 +169,7 @@ TEST(MoveSound, RefusesWhatWouldLoseOrMisplaceData) {
   EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
   EXPECT_EQ(f.idx.moveSoundToGroup(2, JINGLE), 0);  // unchanged: nothing to do
   EXPECT_EQ(f.idx.moveSoundToGroup(3, JINGLE), 1);
-  f.idx.setType = XSNDFILE;
+  f.idx.setSetType(XSNDFILE);
   EXPECT_EQ(f.idx.moveSoundToGroup(2, MUSIC), 0);
   EXPECT_TRUE(fs::exists(f.dir("jingle/2-b")));
 }
@@ -161,7 +189,7 @@ TEST(MoveSound, TypeChangeMovesTheDirectoryUnderABasePathHoldingATypeWord) {
   EXPECT_FALSE(fs::exists(f.dir("sfx/3-c")));
   // Other storage types cannot change a type; unknown sounds are refused.
   EXPECT_EQ(f.idx.updateTypeForSample(5, VOICE), 1);
-  f.idx.setType = ZIPFILE;
+  f.idx.setSetType(ZIPFILE);
   EXPECT_EQ(f.idx.updateTypeForSample(3, VOICE), 2);
   EXPECT_EQ(s->type, MUSIC);
 }

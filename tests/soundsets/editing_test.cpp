@@ -35,7 +35,7 @@ TEST(RemoveFromRecord, KeepsTheHistoricalMoveDown) {
 
 TEST(EditPinsound, UploadsAreRenumberedRemovalsDeleteTheFileAndZipSetsRefuse) {
   StorageFixture fx;
-  fx.idx.setType = PINSOUND;
+  fx.idx.setSetType(PINSOUND);
   AudioSample* s = fx.addSound(0x21, SFX, "sfx/33-boom", {{"a.ogg", "A"}});
   const std::string upload = (fx.tmp / "upload.tmp").string();
   for (int i = 0; i < 2; ++i) {
@@ -59,7 +59,7 @@ TEST(EditPinsound, UploadsAreRenumberedRemovalsDeleteTheFileAndZipSetsRefuse) {
   EXPECT_EQ(addSampleToSound(fx.idx, 0x21, upload, "../.."), -1);
   EXPECT_EQ(s->samples.size(), 2u);
   // Zip sets have no edit handlers: their files stay as they are.
-  fx.idx.setType = ZIPFILE;
+  fx.idx.setSetType(ZIPFILE);
   test::LogCapture cap;
   EXPECT_EQ(removeSampleFromSound(fx.idx, 0x21, 0), 1);
   EXPECT_TRUE(cap.contains("remove sample for sound not expected for soundset type"));
@@ -73,7 +73,7 @@ TEST(EditXsnd, AddAppendsAfterTheIndexAndRemoveMarksTheChunk) {
   fx.addSound(5, SFX, "s", {{"a.ogg", "AAAA"}, {"b.ogg", "BBBB"}});
   const std::string path = fx.pack("set.xsnd", true);
   auto loaded = fx.unpack(path);
-  loaded->setType = XSNDFILE;
+  loaded->setSetType(XSNDFILE);
   AudioSample* s = loaded->getSampleForId(5);
   const std::string before = test::readFile(path);
   {  // a failed append leaves the container as it was
@@ -112,7 +112,7 @@ TEST(EditAltsound, RowsFollowAddedAndRemovedFilesAndAudioStays) {
   test::writeFile(fx.tmp / "alt/boom.ogg", "boom");
   test::writeFile(fx.tmp / "alt/theme.ogg", "theme");
   ASSERT_EQ(readSamplesFromCsv(fx.idx, (fx.tmp / "alt").string()), 0);
-  fx.idx.setType = ALTSOUND;
+  fx.idx.setSetType(ALTSOUND);
   for (int i = 0; i < 2; ++i) {
     test::writeFile(fx.tmp / "up", "boom" + std::to_string(i));
     ASSERT_EQ(addSampleToSound(fx.idx, 1, (fx.tmp / "up").string(), "boom.ogg"), 0);

@@ -18,7 +18,7 @@ TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
                         "voice/0x2a-Hello"})
     f.sound(d);
   ASSERT_EQ(f.load(), 0);
-  EXPECT_EQ(f.idx.samplesMap.mapSize(), 3);
+  EXPECT_EQ(f.idx.samplesMap().mapSize(), 3);
   AudioSample* theme = f.idx.getSampleForId(31);
   ASSERT_TRUE(theme && f.idx.getSampleForId(32) && f.idx.getSampleForId(42));
   EXPECT_EQ(test::traits(theme), (test::Traits{MUSIC, 50, 100, "Theme"}));
@@ -26,18 +26,18 @@ TEST(PinsoundScan, DirectoryNamesGiveIdAndName) {
   EXPECT_EQ(theme->basepath, f.dir("music/0x1F-Theme").string());
   EXPECT_EQ(f.idx.getSampleForId(32)->name, "Boom");
   EXPECT_EQ(f.idx.getSampleForId(42)->type, VOICE);
-  EXPECT_EQ(f.idx.hashOfAllIds, 31u + 32u + 42u);
-  EXPECT_EQ(f.idx.scrambledIds, 0);
+  EXPECT_EQ(f.idx.hashOfAllIds(), 31u + 32u + 42u);
+  EXPECT_EQ(f.idx.scrambledIds(), 0);
   // The set lists exactly the map's records, in the map's order.
   ASSERT_EQ(f.set.samples.size(), 3u);
-  auto keys = f.idx.samplesMap.keys();
+  auto keys = f.idx.samplesMap().keys();
   for (std::size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(f.set.samples[i]->id, keys[i]);
 }
 
 TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   SetFixture f;
   f.s.preloadThreshold = 150;
-  f.idx.gainByType[SFX] = 80;
+  f.idx.setGainByType(SFX, 80);
   f.file("sfx/serial.txt", "T1\n");
   f.sound("voice/6-b");
   f.file("voice/GAIN.txt", "10");
@@ -75,10 +75,10 @@ TEST(PinsoundScan, AudioFilesAndSmallFiles) {
   EXPECT_FALSE(tuned->preload);  // not above the threshold
   EXPECT_EQ(tuned->shakersequence, (std::vector<uint32_t>{100, 50, 100, 0}));
   // Type directories hold a gain and a serial command of their own.
-  EXPECT_EQ(f.idx.gainByType[SFX], 80);  // no file: the old value survives the 0..30 round trip
-  EXPECT_EQ(f.idx.gainByType[VOICE], 33);
-  EXPECT_EQ(f.idx.serialCmdByType[SFX], "T1");
-  EXPECT_EQ(f.idx.serialCmdByType[VOICE], "");
+  EXPECT_EQ(f.idx.gainByType(SFX), 80);  // no file: the old value survives the 0..30 round trip
+  EXPECT_EQ(f.idx.gainByType(VOICE), 33);
+  EXPECT_EQ(f.idx.serialCmdByType(SFX), "T1");
+  EXPECT_EQ(f.idx.serialCmdByType(VOICE), "");
 }
 
 TEST(PinsoundScan, GainFileScaleAndBadContent) {
@@ -109,13 +109,13 @@ TEST(PinsoundScan, NumberedFilesReidDuplicatesCollapseAndAVanishedSetIsEmpty) {
   EXPECT_EQ(f.idx.getSampleForId(12), nullptr);
   ASSERT_NE(f.idx.getSampleForId(200), nullptr);
   EXPECT_EQ(f.idx.getSampleForId(200)->magic, 12u);
-  EXPECT_EQ(f.idx.haveFilenameNumbers, 1);
-  EXPECT_EQ(f.idx.hashOfAllIds, 12u + 13u + 7u + 7u);  // directory ids, not file numbers
-  EXPECT_EQ(f.idx.samplesMap.mapSize(), 3);  // 200, 13 and one 7
+  EXPECT_EQ(f.idx.haveFilenameNumbers(), 1);
+  EXPECT_EQ(f.idx.hashOfAllIds(), 12u + 13u + 7u + 7u);  // directory ids, not file numbers
+  EXPECT_EQ(f.idx.samplesMap().mapSize(), 3);  // 200, 13 and one 7
   EXPECT_EQ(f.set.samples.size(), 3u);
   std::filesystem::remove_all(f.set.basedir);
   EXPECT_EQ(f.load(), 0);
-  EXPECT_EQ(f.idx.samplesMap.mapSize(), 0);
+  EXPECT_EQ(f.idx.samplesMap().mapSize(), 0);
   EXPECT_TRUE(f.set.samples.empty());
 }
 
@@ -125,7 +125,7 @@ TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopied) {
   LogCapture cap;
   EXPECT_EQ(none.load(), 1);
   EXPECT_TRUE(cap.contains("looks like a scrambled soundset is used, but no mapping provided"));
-  EXPECT_EQ(none.idx.scrambledIds, 1);
+  EXPECT_EQ(none.idx.scrambledIds(), 1);
 
   SetFixture f;
   f.sound("sfx/900123-x");
@@ -135,21 +135,21 @@ TEST(PinsoundScrambled, MappingInSetRemapsAndIsCopied) {
   ASSERT_EQ(f.load(1), 0);
   ASSERT_TRUE(f.idx.getSampleForId(31) && f.idx.getSampleForId(0x20));
   EXPECT_EQ(f.idx.getSampleForId(31)->magic, 900123u);
-  EXPECT_EQ(f.idx.hashingIsUsed, 1);
+  EXPECT_EQ(f.idx.hashingIsUsed(), 1);
   EXPECT_TRUE(cap.contains("unmapped sample 0000000005"));
   const uint32_t hash = 900123u + 900124u + 5u;
-  EXPECT_EQ(f.idx.hashOfAllIds, hash);
+  EXPECT_EQ(f.idx.hashOfAllIds(), hash);
   EXPECT_TRUE(std::filesystem::exists(f.tmp / "configs" / (std::to_string(hash) + ".mellosnd")));
-  EXPECT_EQ(f.idx.configFileToWrite, "config.mellosnd");
+  EXPECT_EQ(f.idx.configFileToWrite(), "config.mellosnd");
   // Without its mapping file the set finds the copy by the id hash; its edits then go
   // to a configuration file of its own.
   std::filesystem::remove(f.dir("config.mellosnd"));
   SampleIndex again(f.s);
-  again.configsDir = f.idx.configsDir;
+  again.setConfigsDir(f.idx.configsDir());
   ASSERT_EQ(again.initSamples(f.set, 0), 0);
   ASSERT_NE(again.getSampleForId(31), nullptr);
   EXPECT_EQ(again.getSampleForId(31)->magic, 900123u);
-  EXPECT_EQ(again.configFileToWrite, "config.ini");
+  EXPECT_EQ(again.configFileToWrite(), "config.ini");
   // A set whose files carry their ids needs no mapping.
   SetFixture g;
   g.sound("sfx/900300-x", {"77-x.ogg"});

@@ -15,32 +15,32 @@ namespace fs = std::filesystem;
 
 TEST(SetConfig, FilesOverrideInOrderAndScaleGains) {
   SetFixture f;
-  f.idx.gainByType[VOICE] = 20;  // left by a previous set, already percent
+  f.idx.setGainByType(VOICE, 20);  // left by a previous set, already percent
   f.file("config.ini", "gain_music=15\ngain_sfx = 60\nducking_voice=50\nattract_timeout=9\nshaker_enabled=1\n");
   f.file("config.mellosnd", "gain_sfx=3\nfade_sfx_on_music_change_time=700\n");
   f.idx.readSoundConfig(f.set);
-  EXPECT_EQ(f.idx.gainByType[MUSIC], 50);
-  EXPECT_EQ(f.idx.gainByType[SFX], 10);      // the second file wins, then 3 * 100 / 30
-  EXPECT_EQ(f.idx.gainByType[VOICE], 20);    // not named: untouched, not converted again
-  EXPECT_EQ(f.idx.duckingByType[VOICE], 50);
-  EXPECT_EQ(f.idx.duckingIsActive, 1);
+  EXPECT_EQ(f.idx.gainByType(MUSIC), 50);
+  EXPECT_EQ(f.idx.gainByType(SFX), 10);      // the second file wins, then 3 * 100 / 30
+  EXPECT_EQ(f.idx.gainByType(VOICE), 20);    // not named: untouched, not converted again
+  EXPECT_EQ(f.idx.duckingByType(VOICE), 50);
+  EXPECT_EQ(f.idx.duckingIsActive(), 1);
   EXPECT_EQ(f.s.attractTimeOut + f.s.shakerEnabled, 10);
   EXPECT_EQ(f.s.fadeSfxOnMusicChangeTime, 700);
   EXPECT_EQ(f.s.fadeSfxOnMusicChange, 0);  // "..._time" is another key
   EXPECT_EQ(f.set.gains[MUSIC], 50u);
-  EXPECT_EQ(f.idx.configFileToWrite, "config.mellosnd");
-  EXPECT_EQ(f.idx.configBase, f.set.basedir);
+  EXPECT_EQ(f.idx.configFileToWrite(), "config.mellosnd");
+  EXPECT_EQ(f.idx.configBase(), f.set.basedir);
   // Other set types hold percent; without files the tables stay.
   SetFixture alt, none;
   alt.set.type = ALTSOUND;
   alt.file("config.ini", "gain_music=15\n");
-  none.idx.gainByType[SFX] = 70;
+  none.idx.setGainByType(SFX, 70);
   for (SetFixture* g : {&alt, &none}) {
     g->idx.readSoundConfig(g->set);
-    EXPECT_EQ(g->idx.configFileToWrite, "config.ini");
+    EXPECT_EQ(g->idx.configFileToWrite(), "config.ini");
   }
-  EXPECT_EQ(alt.idx.gainByType[MUSIC], 15);
-  EXPECT_EQ(none.idx.gainByType[SFX], 70);
+  EXPECT_EQ(alt.idx.gainByType(MUSIC), 15);
+  EXPECT_EQ(none.idx.gainByType(SFX), 70);
 }
 
 TEST(SetConfig, BadLinesAreIgnoredAndTheVendorWaitsForCaptureToStop) {
@@ -49,13 +49,13 @@ TEST(SetConfig, BadLinesAreIgnoredAndTheVendorWaitsForCaptureToStop) {
          "gain_sfx=loud\nducking_voice=150\ngain_music=-4\nvendor=42\n\x01\xff garbage\ngain_sfx2=9\n"
          "preload=1\nvendor=1\nducking_music=70");
   bool captureRuns = true;
-  f.idx.hooks.captureStarted = [&] { return captureRuns; };
+  f.idx.hooks().captureStarted = [&] { return captureRuns; };
   LogCapture cap;
   f.idx.readSoundConfig(f.set);
-  EXPECT_EQ(f.idx.gainByType[SFX], 50);
-  EXPECT_EQ(f.idx.gainByType[MUSIC], 50);
-  EXPECT_EQ(f.idx.duckingByType[VOICE], 65);
-  EXPECT_EQ(f.idx.duckingByType[MUSIC], 70);  // last line without its line end
+  EXPECT_EQ(f.idx.gainByType(SFX), 50);
+  EXPECT_EQ(f.idx.gainByType(MUSIC), 50);
+  EXPECT_EQ(f.idx.duckingByType(VOICE), 65);
+  EXPECT_EQ(f.idx.duckingByType(MUSIC), 70);  // last line without its line end
   EXPECT_EQ(f.s.preloadThreshold, 1);
   EXPECT_EQ(f.s.protocol.load(), DATAEAST);
   EXPECT_TRUE(cap.contains("value of gain_sfx is not a number"));
@@ -73,7 +73,7 @@ TEST(SetConfig, TypeTablesWriteBackAndUpdateDefaultSounds) {
   f.file("sfx/2-own/gain.txt", "20");
   f.file("config.ini", "# mine\ngain_sfx=30\ngain_sfx2=1\n");
   int volumeCalls = 0;
-  f.idx.hooks.reapplyVolume = [&] { ++volumeCalls; };
+  f.idx.hooks().reapplyVolume = [&] { ++volumeCalls; };
   ASSERT_EQ(f.load(), 0);
 
   EXPECT_EQ(f.idx.setGainByType(SFX, 50), 0);
@@ -88,11 +88,11 @@ TEST(SetConfig, TypeTablesWriteBackAndUpdateDefaultSounds) {
   EXPECT_EQ(readFile(f.dir("config.ini")), "# mine\ngain_sfx=15\ngain_sfx=15\n");
 
   for (int t = 0; t < kAudioTypeCount; ++t) EXPECT_EQ(f.idx.setDuckingByType(t, 100), 0);
-  EXPECT_EQ(f.idx.duckingIsActive, 0);
+  EXPECT_EQ(f.idx.duckingIsActive(), 0);
   EXPECT_EQ(f.idx.getSampleForId(1)->ducking, 100u);
   EXPECT_NE(readFile(f.dir("config.ini")).find("ducking_voice=100\n"), std::string::npos);
   EXPECT_EQ(f.idx.setDuckingByType(VOICE, 60), 0);
-  EXPECT_EQ(f.idx.duckingIsActive, 1);
+  EXPECT_EQ(f.idx.duckingIsActive(), 1);
 }
 
 TEST(SetConfig, EditsNeverReachThePreviousSetsFile) {
@@ -105,7 +105,7 @@ TEST(SetConfig, EditsNeverReachThePreviousSetsFile) {
   box.basedir = (f.tmp / "vanished.xsnd").string();
   LogCapture cap;
   EXPECT_EQ(f.idx.initSamples(box, 0), 0);
-  EXPECT_EQ(f.idx.samplesMap.mapSize(), 0);
+  EXPECT_EQ(f.idx.samplesMap().mapSize(), 0);
   EXPECT_EQ(f.idx.setGainByType(SFX, 90), 0);
   EXPECT_TRUE(cap.contains("config filename is empty for param gain_sfx. can't update."));
   EXPECT_EQ(readFile(f.dir("config.ini")), "gain_sfx=15\n");

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
 #include "soundsets/xsnd.h"
@@ -50,7 +51,7 @@ struct StorageFixture {
     rec->basepath = (tmp / dir).string();
     rec->name = "sound" + std::to_string(id);
     rec->gain = 50;
-    rec->ducking = static_cast<uint32_t>(idx.duckingByType[type]);
+    rec->ducking = static_cast<uint32_t>(idx.duckingByType(type));
     for (const auto& [name, bytes] : files) {
       writeFile(tmp / dir / name, bytes);
       rec->samples.push_back((tmp / dir / name).string());
@@ -95,7 +96,7 @@ struct SetFixture : StorageFixture {
     set.basedir = (tmp / "set").string();
     set.type = PINSOUND;
     std::filesystem::create_directories(set.basedir + "/music");
-    idx.configsDir = (tmp / "configs").string();
+    idx.setConfigsDir((tmp / "configs").string());
   }
 
   std::filesystem::path dir(const std::string& rel) const { return std::filesystem::path(set.basedir) / rel; }
@@ -110,9 +111,9 @@ struct SetFixture : StorageFixture {
 
 inline void writeGzip(const std::filesystem::path& p, const std::string& content) {
   std::filesystem::create_directories(p.parent_path());
-  gzFile gz = gzopen(p.c_str(), "wb");
-  gzwrite(gz, content.data(), static_cast<unsigned>(content.size()));
-  gzclose(gz);
+  GzHandle gz(gzopen(p.c_str(), "wb"));
+  ASSERT_TRUE(gz);
+  gzwrite(gz.get(), content.data(), static_cast<unsigned>(content.size()));
 }
 
 // Runs argv with stdin from `inPath` and stdout to `outPath`; the exit status.

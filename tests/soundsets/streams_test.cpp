@@ -4,6 +4,7 @@
 #include <SDL2/SDL_mixer.h>
 #include <gtest/gtest.h>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "soundsets/xsnd.h"
 #include "storage_fixture.h"
@@ -32,14 +33,15 @@ std::string makeToneZip(const test::TempDir& tmp) {
   std::string ogg = test::toneOgg();
   std::string path = (tmp / "tones.zip").string();
   int err = 0;
-  zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+  ZipHandle archive(zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err));
+  zip_t* za = archive.get();
   for (const char* name : {"music/stored.ogg", "music/deflated.ogg"}) {
     zip_source_t* src = zip_source_buffer(za, ogg.data(), ogg.size(), 0);
     zip_int64_t i = zip_file_add(za, name, src, 0);
     zip_set_file_compression(za, static_cast<zip_uint64_t>(i),
                              name[6] == 's' ? ZIP_CM_STORE : ZIP_CM_DEFLATE, 9);
   }
-  zip_close(za);
+  if (zip_close(za) == 0) archive.release();  // closed
   return path;
 }
 

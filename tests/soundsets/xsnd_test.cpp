@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "storage_fixture.h"
 
@@ -45,8 +46,9 @@ std::string protocDecode(const test::TempDir& tmp, const std::string& b) {
 
 TEST(XsndFraming, ReadingChecksTheNameNotTheLength) {
   test::TempDir tmp;
-  FILE* f = fopen((tmp / "h.bin").c_str(), "w+b");
-  ASSERT_TRUE(f);
+  FileHandle file(fopen((tmp / "h.bin").c_str(), "w+b"));
+  ASSERT_TRUE(file);
+  FILE* f = file.get();
   writeChunkHeader(f, makeChunkHeader("xSMP", 42));
   long placeholder = writeChunkHeaderPlaceHolder(f);
   writeUint16(f, 0xBEEF);
@@ -63,7 +65,6 @@ TEST(XsndFraming, ReadingChecksTheNameNotTheLength) {
   test::LogCapture cap;
   EXPECT_EQ(readChunkHeader(f, h), -1);
   EXPECT_TRUE(cap.contains("invalid header"));
-  fclose(f);
 }
 
 TEST(XsndContainer, EmptySetIsHeaderVersionAndIndex) {
@@ -85,7 +86,7 @@ TEST(XsndContainer, EmptySetIsHeaderVersionAndIndex) {
 
 TEST(XsndContainer, RoundTripKeepsRecordsAndExactAudioBytes) {
   StorageFixture fx;
-  fx.idx.duckingByType[VOICE] = 40;  // the container's table, not the reader's default, applies
+  fx.idx.setDuckingByType(VOICE, 40);  // the container's table, not the reader's default, applies
   const std::string a = test::toneOgg(), b = test::wavBytes(fx.tmp / "w.wav"), c = "short";
   auto* s1 = fx.addSound(0x10, MUSIC, "music/16-theme", {{"theme.ogg", a}});
   s1->shakersequence = {100, 200, 300};
@@ -102,7 +103,7 @@ TEST(XsndContainer, RoundTripKeepsRecordsAndExactAudioBytes) {
   ASSERT_EQ(chunks.size(), 6u);
   EXPECT_EQ(bytes.substr(chunks[5], 4), "META");
   auto back = fx.unpack(path);
-  ASSERT_EQ(back->samplesMap.mapSize(), 4);
+  ASSERT_EQ(back->samplesMap().mapSize(), 4);
   EXPECT_EQ(back->getSampleForId(7)->ducking, 40u);
   EXPECT_EQ(back->getSampleForId(8)->ducking, 33u);
   AudioSample* r1 = back->getSampleForId(0x10);
@@ -140,7 +141,7 @@ TEST(XsndContainer, StripNamesRenamesOnlyTheIndexAndRepacksFromItself) {
   EXPECT_NE(text.find("fileChunks {"), std::string::npos);
   // A container set is repacked from its own container.
   auto loaded = fx.unpack(path);
-  loaded->setType = XSNDFILE;
+  loaded->setSetType(XSNDFILE);
   const std::string second = (fx.tmp / "second.xsnd").string();
   ASSERT_EQ(writeSamplesToBinary(*loaded, second, false), 0);
   const CompFileChunk c = fx.unpack(second)->getSampleForId(4660)->filechunks[1];
@@ -163,11 +164,10 @@ TEST(XsndContainer, DeletedAndAppendedChunksAndLookalikesKeepTheIndexReadable) {
   const std::string big(1500000, 'B');
   test::writeFile(fx.tmp / "big.ogg", big);
   for (int i = 0; i < 2; ++i) {
-    FILE* f = fopen(path.c_str(), "r+b");
+    FileHandle f(fopen(path.c_str(), "r+b"));
     ASSERT_TRUE(f);
-    fseek(f, 0, SEEK_END);
-    ASSERT_EQ(writeFileChunk(f, (fx.tmp / "big.ogg").string(), *r, 2 + i), 0);
-    fclose(f);
+    fseek(f.get(), 0, SEEK_END);
+    ASSERT_EQ(writeFileChunk(f.get(), (fx.tmp / "big.ogg").string(), *r, 2 + i), 0);
   }
   const std::string bytes = test::readFile(path);
   EXPECT_EQ(bytes.substr(r->filechunks[3].offset), big);
@@ -196,7 +196,7 @@ TEST(XsndBadInput, TruncatedCorruptedAndForeignFilesAreRefused) {
     test::writeFile(bad, bytes);
     int rc = readSamplesFromBinary(*target, bad);
     EXPECT_EQ(test::readFile(bad), bytes);
-    EXPECT_EQ(target->samplesMap.mapSize(), 2);
+    EXPECT_EQ(target->samplesMap().mapSize(), 2);
     return rc;
   };
   for (std::size_t cut : {std::size_t{0}, std::size_t{5}, std::size_t{12}, std::size_t{3000}, good.size() - 20,

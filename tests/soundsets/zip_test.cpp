@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "support/testutil.h"
 
@@ -16,7 +17,8 @@ namespace fs = std::filesystem;
 // are, hostile ones included.
 void makeZip(const std::string& path, const std::vector<std::pair<std::string, std::string>>& entries) {
   int err = 0;
-  zip_t* za = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+  ZipHandle archive(zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err));
+  zip_t* za = archive.get();
   ASSERT_TRUE(za);
   for (const auto& [name, content] : entries) {
     void* copy = malloc(content.size() + 1);  // libzip reads it at close, then frees it
@@ -25,11 +27,12 @@ void makeZip(const std::string& path, const std::vector<std::pair<std::string, s
     ASSERT_GE(zip_file_add(za, name.c_str(), src, ZIP_FL_ENC_RAW), 0) << name;
   }
   ASSERT_EQ(zip_close(za), 0);
+  archive.release();  // closed
 }
 
 std::vector<std::string> treeOf(const fs::path& root) {
   std::vector<std::string> out;
-  for (auto& e : fs::recursive_directory_iterator(root)) out.push_back(fs::relative(e.path(), root).string());
+  for (auto& e : fs::recursive_directory_iterator(root)) out.push_back(e.path().lexically_relative(root).string());
   std::sort(out.begin(), out.end());
   return out;
 }
@@ -101,9 +104,44 @@ TEST(ZipBadInput, NotAnArchiveAndDamagedEntries) {
   test::writeFile(target / "b.txt", "keep me");
   EXPECT_EQ(unzip(archive.c_str(), target.c_str()), UNZIP_ENTRY_READ);
   EXPECT_TRUE(cap.contains("zip corrupt?"));
-  EXPECT_EQ(test::readFile(target / "a.txt"), "first file");  // written before the error
-  EXPECT_EQ(test::readFile(target / "b.txt"), "keep me");     // never half-overwritten
-  EXPECT_EQ(treeOf(target), (std::vector<std::string>{"a.txt", "b.txt"}));
+  // Nothing of a failed unpack stays: not the entry before the damaged one, not the
+  // staging directory.
+  EXPECT_EQ(treeOf(target), (std::vector<std::string>{"b.txt"}));
+  EXPECT_EQ(test::readFile(target / "b.txt"), "keep me");
+  EXPECT_EQ(treeOf(tmp.path()), (std::vector<std::string>{"crc.zip", "junk.zip", "t", "t/b.txt"}));
+  // The same into a target that does not exist yet: it is not made.
+  EXPECT_EQ(unzip(archive, (tmp / "fresh").string()), UNZIP_ENTRY_READ);
+  EXPECT_FALSE(fs::exists(tmp / "fresh"));
+}
+
+TEST(ZipBadInput, LinksInTheTargetAreNeitherFollowedNorReplaced) {
+  test::TempDir tmp, elsewhere;
+  fs::path target = tmp / "sets";
+  test::writeFile(target / "keep.txt", "mine");
+  test::writeFile(elsewhere / "secret.txt", "theirs");
+  fs::create_directory_symlink(elsewhere.path(), target / "linked");
+  fs::create_symlink(elsewhere / "secret.txt", target / "secret.txt");
+  const std::string archive = (tmp / "a.zip").string();
+  for (const char* entry : {"linked/music/1-a/x.ogg", "secret.txt", "linked"}) {
+    makeZip(archive, {{"new/a.ogg", "A"}, {entry, "pwned"}});
+    test::LogCapture cap;
+    EXPECT_EQ(unzip(archive, target.string()), UNZIP_DEST_CREATE) << entry;
+    EXPECT_TRUE(cap.contains("symbolic link")) << entry;
+    EXPECT_EQ(treeOf(target), (std::vector<std::string>{"keep.txt", "linked", "secret.txt"})) << entry;
+    EXPECT_EQ(treeOf(elsewhere.path()), std::vector<std::string>{"secret.txt"});
+    EXPECT_EQ(test::readFile(elsewhere / "secret.txt"), "theirs");
+  }
+  // A file where the target has a directory is refused the same way.
+  makeZip(archive, {{"new/a.ogg", "A"}, {"keep.txt/x", "x"}});
+  EXPECT_EQ(unzip(archive, target.string()), UNZIP_DEST_CREATE);
+  EXPECT_FALSE(fs::exists(target / "new"));
+  // A clean archive merges: existing files stay, same names are replaced.
+  makeZip(archive, {{"new/a.ogg", "A"}, {"keep.txt", "replaced"}});
+  ASSERT_EQ(unzip(archive, target.string()), UNZIP_OK);
+  EXPECT_EQ(test::readFile(target / "new/a.ogg"), "A");
+  EXPECT_EQ(test::readFile(target / "keep.txt"), "replaced");
+  EXPECT_EQ(treeOf(tmp.path()), (std::vector<std::string>{"a.zip", "sets", "sets/keep.txt", "sets/linked",
+                                                          "sets/new", "sets/new/a.ogg", "sets/secret.txt"}));
 }
 
 TEST(ZipPaths, RefusesAbsoluteAndClimbingNamesOnly) {
