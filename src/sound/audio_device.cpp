@@ -1,5 +1,4 @@
-// The audio device: opening, reopening and cycling outputs, the ALSA device list and
-// the card's mixer controls.
+// The ALSA side of the audio devices: the device list and the card's mixer controls.
 #include "sound/audio_device.h"
 
 #include <SDL2/SDL.h>
@@ -7,13 +6,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <sstream>
 
-#include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
-#include "sound/sdl_sound.h"
 
 namespace korvo {
 
@@ -48,10 +44,7 @@ std::string jsonEscape(const std::string& s) {
   return out;
 }
 
-struct CtlCloser {
-  void operator()(snd_ctl_t* c) const { snd_ctl_close(c); }
-};
-using CtlPtr = std::unique_ptr<snd_ctl_t, CtlCloser>;
+using CtlPtr = Handle<snd_ctl_t, snd_ctl_close>;
 
 CtlPtr openCtl(const std::string& deviceName) {
   const std::string ctlName = controlDeviceFor(deviceName);
@@ -253,147 +246,6 @@ bool parseControlLine(const std::string& line, int* numid, int* index, long* val
   *index = i;
   *value = v;
   return true;
-}
-
-// ---- the engine's device ----
-
-int SoundEngine::soundInit(int volume, const char* baseDir, int channels, int frequency) {
-  Lock lk(*this);
-  baseDir_ = baseDir ? baseDir : "";
-  channels_ = channels > 0 ? channels : 2;
-  frequency_ = frequency > 0 ? frequency : 44100;
-  if (!sdlAudioInit_) {
-    if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
-      LOG(LEVEL_ERROR, "could not init audio: %s, running without audio", SDL_GetError());
-      enableAudio_.store(0);
-      return -1;
-    }
-    sdlAudioInit_ = true;
-    Mix_Init(MIX_INIT_OGG | MIX_INIT_MP3);
-  }
-  std::string device = settings_.audioDevice.get();
-  if (openDevice(device) != 0) {
-    // A stored device that went away: try the default before giving up.
-    if (device.empty() || openDevice("") != 0) {
-      LOG(LEVEL_ERROR, "no audio device, running without audio");
-      enableAudio_.store(0);
-      return -1;
-    }
-  }
-  enableAudio_.store(1);
-  deviceIndex_ = 0;
-  const auto devices = getAudioDevices();
-  for (std::size_t i = 0; i < devices.size(); i++)
-    if (devices[i].displayName == openDevice_ || devices[i].name == openDevice_) deviceIndex_ = static_cast<int>(i);
-  setVolumeInternalLocked(volume);
-  applyStoredControls();
-  if (settings_.playBoot) playSystemSoundWithOverrideLocked(&lk, "boot.ogg", 0, baseDir_.c_str());
-  return 0;
-}
-
-void SoundEngine::soundShutdown() {
-  stopSoundServiceThread();
-  Lock lk(*this);
-  closeDevice();
-  enableAudio_.store(0);
-  if (sdlAudioInit_) {
-    Mix_Quit();
-    SDL_QuitSubSystem(SDL_INIT_AUDIO);
-    sdlAudioInit_ = false;
-  }
-}
-
-std::string SoundEngine::currentAudioDevice() const {
-  std::lock_guard lk(mutex_);
-  return openDevice_;
-}
-
-int SoundEngine::reopenAudioDevice(int n) {
-  Lock lk(*this);
-  const auto devices = getAudioDevices();
-  if (n < 0 || static_cast<std::size_t>(n) >= devices.size()) {
-    LOG(LEVEL_ERROR, "no audio device %d (have %zu)", n, devices.size());
-    return -1;
-  }
-  if (!sdlAudioInit_) {
-    LOG(LEVEL_ERROR, "audio is not initialised");
-    return -1;
-  }
-  const std::string previous = openDevice_;
-  // "default" is SDL's own default device; others are opened by their ALSA name.
-  const std::string wanted =
-      devices[static_cast<std::size_t>(n)].name == "default" ? std::string() : devices[static_cast<std::size_t>(n)].name;
-  closeDevice();
-  if (openDevice(wanted) != 0) {
-    if (openDevice(previous) != 0) {
-      LOG(LEVEL_ERROR, "previous audio device could not be opened again, running without audio");
-      enableAudio_.store(0);
-    }
-    return -1;
-  }
-  enableAudio_.store(1);
-  deviceIndex_ = n;
-  setVolumeInternalLocked(settings_.volume.load());
-  settings_.audioDevice.set(wanted);
-  persistSettings();
-  applyStoredControls();
-  playSystemSoundLocked(&lk, "ready.ogg", 0);
-  return n;
-}
-
-int SoundEngine::cycleAudioDevice() {
-  const auto devices = getAudioDevices();
-  int next;
-  {
-    Lock lk(*this);
-    next = (deviceIndex_ + 1) % static_cast<int>(devices.size());
-  }
-  return reopenAudioDevice(next);
-}
-
-int SoundEngine::setControlValue(int numid, int index, long value) {
-  Lock lk(*this);
-  const auto devices = getAudioDevices();
-  const std::string pcm = static_cast<std::size_t>(deviceIndex_) < devices.size()
-                              ? devices[static_cast<std::size_t>(deviceIndex_)].name
-                              : std::string("default");
-  if (setValueForControl(pcm, numid, index, value) != 0) return -1;
-  storedControls_[controlKey(numid, index)] = value;
-  const std::string key = controlKey(numid, index) + "=";
-  const std::string line = key + strFormat("%ld", value);
-  if (updateConfigFile(vaIniPath_.c_str(), key.c_str(), line.c_str()) != 0)
-    LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), vaIniPath_.c_str());
-  return 0;
-}
-
-void SoundEngine::persistSettings() {
-  if (!hooks_.writeSettings) return;
-  defer([this, path = vaIniPath_, controls = storedControls_] {
-    hooks_.writeSettings();
-    for (const auto& [key, value] : controls) {
-      const std::string line = strFormat("%s=%ld", key.c_str(), value);
-      if (updateConfigFile(path.c_str(), (key + "=").c_str(), line.c_str()) != 0)
-        LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), path.c_str());
-    }
-  });
-}
-
-void SoundEngine::applyStoredControls() {
-  std::string content;
-  if (!readWholeFile(vaIniPath_, content)) return;
-  const auto devices = getAudioDevices();
-  const std::string pcm = static_cast<std::size_t>(deviceIndex_) < devices.size()
-                              ? devices[static_cast<std::size_t>(deviceIndex_)].name
-                              : std::string("default");
-  std::istringstream in(content);
-  std::string line;
-  while (std::getline(in, line)) {
-    int numid = 0, index = 0;
-    long value = 0;
-    if (!parseControlLine(line, &numid, &index, &value)) continue;
-    storedControls_[controlKey(numid, index)] = value;
-    setValueForControl(pcm, numid, index, value);
-  }
 }
 
 }  // namespace korvo

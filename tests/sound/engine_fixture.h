@@ -115,7 +115,6 @@ class EngineFixture : public ::testing::Test {
     engine->setSoundsDir((sourceDir() / "sounds").string());
     engine->setTransientSettingsFile((dir.path() / "va.ini").string());
     engine->setAnnounceSoundSet(false);
-    engine->setPromptPollMillis(2);
     engine->setOnsetObserver(&OnsetLog::observe, &onsets);
     ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
   }

@@ -104,7 +104,7 @@ TEST_F(Music, VolumeIsStoredClampedAndReachesTheMusic) {
   openWithSet();
   int writes = 0;
   std::vector<std::string> display;
-  engine->hooks().writeSettings = [&] { writes++; };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>&) { writes++; };
   engine->hooks().showDisplayLine = [&](int, int, const std::string& t) { display.push_back(t); };
   EXPECT_EQ(0, engine->setVolume(0));
   EXPECT_EQ(std::vector<std::string>{"M: DATAEAST    V: 0"}, display);

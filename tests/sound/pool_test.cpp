@@ -62,7 +62,7 @@ TEST_F(Pool, SwitchAndCycleSetsAndRefuseAVanishedOne) {
   for (const char* n : {"a", "b", "c"}) makeSet(n);
   openEngine();
   int writes = 0;
-  engine->hooks().writeSettings = [&] { writes++; };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>&) { writes++; };
   loadSets();
   ASSERT_EQ(3, engine->catalogue().maxSoundSets);
   EXPECT_EQ(1, engine->switchToSoundSet(settings.soundSet));  // the current set: nothing

@@ -22,7 +22,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   openEngine("/dev/null", "0");
   Configuration cfg(settings);
   const std::string va = (dir.path() / "va.ini").string();
-  engine->hooks().writeSettings = [&] { cfg.writeSettings(va.c_str()); };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>& extra) { cfg.writeSettings(va.c_str(), extra); };
   int luaCalls = 0;  // written by whichever thread runs the effects
   settings.luaEnabled = 1;
   engine->hooks().setLuaGlobal = [&](const char*, int) { luaCalls++; };

@@ -115,7 +115,7 @@ TEST_F(SystemSounds, ControlLinesSurviveSettingsWrites) {
   test::useDiskAudio("/dev/null");
   engine = std::make_unique<SoundEngine>();
   engine->setTransientSettingsFile(va.string());
-  engine->hooks().writeSettings = [&] { cfg.writeSettings(va.c_str()); };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>& extra) { cfg.writeSettings(va.c_str(), extra); };
   ASSERT_EQ(0, engine->soundInit(20, base.c_str(), 2, 44100));
   EXPECT_EQ(0, engine->setVolume(77));
   const std::string text = test::readFile(va);
@@ -127,7 +127,7 @@ TEST_F(SystemSounds, ControlLinesSurviveSettingsWrites) {
 TEST_F(SystemSounds, ReopenAndCycleAudioDevice) {
   openWithSet();
   int writes = 0;
-  engine->hooks().writeSettings = [&] { writes++; };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>&) { writes++; };
   test::LogCapture cap;
   EXPECT_EQ(0, engine->reopenAudioDevice(0));
   EXPECT_TRUE(cap.contains("ready.ogg"));
