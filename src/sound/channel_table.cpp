@@ -38,9 +38,12 @@ int ChannelTable::findChannelFor(int own, unsigned id) const {
   return -1;
 }
 
-void ChannelTable::beginPlay(int ch, unsigned id) {
+void ChannelTable::attachOnsetEffect(int ch) {
   Mix_UnregisterEffect(ch, &ChannelTable::onsetEffect);
   Mix_RegisterEffect(ch, &ChannelTable::onsetEffect, nullptr, this);
+}
+
+void ChannelTable::beginPlay(int ch, unsigned id) {
   onsetPending_[ch].store(true, std::memory_order_release);
   gen_[ch].fetch_add(1, std::memory_order_acq_rel);
   id_[ch].store(id, std::memory_order_release);

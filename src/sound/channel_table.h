@@ -34,9 +34,11 @@ class ChannelTable {
   // The sample's own channel `own` when `id` still plays there (a restart), else the
   // first channel the mixer reports free; -1 when all are busy. Engine mutex held.
   int findChannelFor(int own, unsigned id) const;
-  // Just before the mixer starts `id` on `ch`: the onset effect is armed, the channel
-  // gets a new generation and the id. Engine mutex held.
+  // Just before the mixer starts `id` on `ch`: the onset is armed, the channel gets a
+  // new generation and the id. Engine mutex held.
   void beginPlay(int ch, unsigned id);
+  // Registers the onset effect on mixer channel `ch` (device open, engine mutex held).
+  void attachOnsetEffect(int ch);
   // The mixer refused the play begun on `ch`.
   void abortPlay(int ch);
   // Channel-finished hook: clears the entry first (so ducking recomputed for this report

@@ -157,6 +157,7 @@ void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
   // A restart: halt the old play first, so its finished report carries the old
   // generation and the table is free for the new one.
   if (Mix_Playing(ch)) Mix_HaltChannel(ch);
+  channels_.attachOnsetEffect(ch);
   channels_.beginPlay(ch, uid);
   const int vol = getVolumeForSample(s, overrideVol);
   // The volume goes first so the very first mixing pass already has it.

@@ -155,14 +155,20 @@ class EngineFixture : public ::testing::Test {
     return waitFor([&] { return !engine->isSamplePlaying(id); });
   }
 
+  // Every queued prompt has played.
+  bool waitPromptsIdle() {
+    return waitFor([&] { return engine->prompts().idle(); });
+  }
+
   // RMS of the captured left channel over [frame, frame + frames).
   double capturedRms(uint64_t frame, uint64_t frames) {
     // The disk driver writes through a stdio buffer: wait until the range is on disk.
     const uint64_t need = (frame + frames) * 4 + 65536;
-    waitFor([&] {
+    const bool written = waitFor([&] {
       std::error_code ec;
       return engine->framesMixed() > frame + frames + 4096 && std::filesystem::file_size(rawPath, ec) >= need;
     });
+    EXPECT_TRUE(written) << "frames " << frame << "+" << frames << " never reached " << rawPath;
     std::ifstream in(rawPath, std::ios::binary);
     in.seekg(static_cast<std::streamoff>(frame * 4));
     std::vector<int16_t> buf(frames * 2);
