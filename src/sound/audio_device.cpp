@@ -113,6 +113,86 @@ std::string controlDeviceFor(const std::string& pcmName) {
   return "default";
 }
 
+namespace {
+
+// The values of one element: null when unreadable, true/false, or numbers.
+std::string valuesJson(snd_ctl_elem_type_t type, unsigned count, const snd_ctl_elem_value_t* value, bool readable) {
+  std::string e = "[";
+  for (unsigned v = 0; v < count; v++) {
+    if (v) e += ", ";
+    if (!readable)
+      e += "null";
+    else if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
+      e += snd_ctl_elem_value_get_boolean(value, v) ? "true" : "false";
+    else if (type == SND_CTL_ELEM_TYPE_ENUMERATED)
+      e += strFormat("%u", snd_ctl_elem_value_get_enumerated(value, v));
+    else
+      e += strFormat("%ld", snd_ctl_elem_value_get_integer(value, v));
+  }
+  return e + "]";
+}
+
+std::string itemsJson(snd_ctl_t* ctl, snd_ctl_elem_info_t* info) {
+  std::string e = "[";
+  const unsigned items = snd_ctl_elem_info_get_items(info);
+  for (unsigned it = 0; it < items; it++) {
+    snd_ctl_elem_info_set_item(info, it);
+    if (snd_ctl_elem_info(ctl, info) < 0) break;
+    if (it) e += ", ";
+    e += "\"" + jsonEscape(snd_ctl_elem_info_get_item_name(info)) + "\"";
+  }
+  return e + "]";
+}
+
+// One element as JSON; "" for types other than INTEGER, BOOLEAN and ENUMERATED.
+std::string elementJson(snd_ctl_t* ctl, snd_ctl_elem_id_t* id) {
+  snd_ctl_elem_info_t* info = nullptr;
+  snd_ctl_elem_info_alloca(&info);
+  snd_ctl_elem_info_set_id(info, id);
+  if (snd_ctl_elem_info(ctl, info) < 0) return "";
+  const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+  if (type != SND_CTL_ELEM_TYPE_INTEGER && type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_ENUMERATED)
+    return "";
+  const unsigned valueCount = snd_ctl_elem_info_get_count(info);
+  snd_ctl_elem_value_t* value = nullptr;
+  snd_ctl_elem_value_alloca(&value);
+  snd_ctl_elem_value_set_id(value, id);
+  const bool readable = snd_ctl_elem_info_is_readable(info) && snd_ctl_elem_read(ctl, value) == 0;
+  std::string e = strFormat("{\"numid\": %u, \"name\": \"%s\", \"type\": \"%s\", \"count\": %u",
+                            snd_ctl_elem_id_get_numid(id), jsonEscape(snd_ctl_elem_id_get_name(id)).c_str(),
+                            snd_ctl_elem_type_name(type), valueCount);
+  if (type == SND_CTL_ELEM_TYPE_INTEGER)
+    e += strFormat(", \"min\": %ld, \"max\": %ld", snd_ctl_elem_info_get_min(info), snd_ctl_elem_info_get_max(info));
+  e += ", \"values\": " + valuesJson(type, valueCount, value, readable);
+  if (type == SND_CTL_ELEM_TYPE_ENUMERATED) e += ", \"items\": " + itemsJson(ctl, info);
+  return e + "}";
+}
+
+// Writes `value` into slot `index` of `v` as the element's type wants it. 0, or -1 with
+// an ERROR line.
+int putValue(snd_ctl_elem_info_t* info, snd_ctl_elem_value_t* v, int numid, int index, long value) {
+  switch (snd_ctl_elem_info_get_type(info)) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+      snd_ctl_elem_value_set_boolean(v, static_cast<unsigned>(index), value != 0);
+      return 0;
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+      snd_ctl_elem_value_set_enumerated(v, static_cast<unsigned>(index), static_cast<unsigned>(value));
+      return 0;
+    case SND_CTL_ELEM_TYPE_INTEGER:
+      if (value < snd_ctl_elem_info_get_min(info) || value > snd_ctl_elem_info_get_max(info)) {
+        LOG(LEVEL_ERROR, "value %ld out of range for mixer control numid=%d", value, numid);
+        return -1;
+      }
+      snd_ctl_elem_value_set_integer(v, static_cast<unsigned>(index), value);
+      return 0;
+    default:
+      LOG(LEVEL_ERROR, "mixer control numid=%d has an unsupported type", numid);
+      return -1;
+  }
+}
+
+}  // namespace
+
 std::string getAlsaControls(const std::string& deviceName) {
   CtlPtr ctl = openCtl(deviceName);
   if (!ctl) return "[]";
@@ -123,61 +203,17 @@ std::string getAlsaControls(const std::string& deviceName) {
   if (snd_ctl_elem_list_alloc_space(list, count) < 0) return "[]";
   std::string json = "[";
   if (snd_ctl_elem_list(ctl.get(), list) == 0) {
-    bool first = true;
     for (unsigned i = 0; i < snd_ctl_elem_list_get_used(list); i++) {
       snd_ctl_elem_id_t* id = nullptr;
       snd_ctl_elem_id_alloca(&id);
       snd_ctl_elem_list_get_id(list, i, id);
-      snd_ctl_elem_info_t* info = nullptr;
-      snd_ctl_elem_info_alloca(&info);
-      snd_ctl_elem_info_set_id(info, id);
-      if (snd_ctl_elem_info(ctl.get(), info) < 0) continue;
-      const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
-      if (type != SND_CTL_ELEM_TYPE_INTEGER && type != SND_CTL_ELEM_TYPE_BOOLEAN &&
-          type != SND_CTL_ELEM_TYPE_ENUMERATED)
-        continue;
-      const unsigned valueCount = snd_ctl_elem_info_get_count(info);
-      snd_ctl_elem_value_t* value = nullptr;
-      snd_ctl_elem_value_alloca(&value);
-      snd_ctl_elem_value_set_id(value, id);
-      const bool readable = snd_ctl_elem_info_is_readable(info) && snd_ctl_elem_read(ctl.get(), value) == 0;
-      std::string e = strFormat("{\"numid\": %u, \"name\": \"%s\", \"type\": \"%s\", \"count\": %u",
-                                snd_ctl_elem_id_get_numid(id), jsonEscape(snd_ctl_elem_id_get_name(id)).c_str(),
-                                snd_ctl_elem_type_name(type), valueCount);
-      if (type == SND_CTL_ELEM_TYPE_INTEGER)
-        e += strFormat(", \"min\": %ld, \"max\": %ld", snd_ctl_elem_info_get_min(info), snd_ctl_elem_info_get_max(info));
-      e += ", \"values\": [";
-      for (unsigned v = 0; v < valueCount; v++) {
-        if (v) e += ", ";
-        if (!readable)
-          e += "null";
-        else if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
-          e += snd_ctl_elem_value_get_boolean(value, v) ? "true" : "false";
-        else if (type == SND_CTL_ELEM_TYPE_ENUMERATED)
-          e += strFormat("%u", snd_ctl_elem_value_get_enumerated(value, v));
-        else
-          e += strFormat("%ld", snd_ctl_elem_value_get_integer(value, v));
-      }
-      e += "]";
-      if (type == SND_CTL_ELEM_TYPE_ENUMERATED) {
-        e += ", \"items\": [";
-        const unsigned items = snd_ctl_elem_info_get_items(info);
-        for (unsigned it = 0; it < items; it++) {
-          snd_ctl_elem_info_set_item(info, it);
-          if (snd_ctl_elem_info(ctl.get(), info) < 0) break;
-          if (it) e += ", ";
-          e += "\"" + jsonEscape(snd_ctl_elem_info_get_item_name(info)) + "\"";
-        }
-        e += "]";
-      }
-      e += "}";
-      json += (first ? "" : ", ") + e;
-      first = false;
+      const std::string e = elementJson(ctl.get(), id);
+      if (e.empty()) continue;
+      json += (json.size() > 1 ? ", " : "") + e;
     }
   }
   snd_ctl_elem_list_free_space(list);
-  json += "]";
-  return json;
+  return json + "]";
 }
 
 int setValueForControl(const std::string& deviceName, int numid, int index, long value) {
@@ -208,24 +244,7 @@ int setValueForControl(const std::string& deviceName, int numid, int index, long
     LOG(LEVEL_ERROR, "could not read mixer control numid=%d", numid);
     return -1;
   }
-  switch (snd_ctl_elem_info_get_type(info)) {
-    case SND_CTL_ELEM_TYPE_BOOLEAN:
-      snd_ctl_elem_value_set_boolean(v, static_cast<unsigned>(index), value != 0);
-      break;
-    case SND_CTL_ELEM_TYPE_ENUMERATED:
-      snd_ctl_elem_value_set_enumerated(v, static_cast<unsigned>(index), static_cast<unsigned>(value));
-      break;
-    case SND_CTL_ELEM_TYPE_INTEGER:
-      if (value < snd_ctl_elem_info_get_min(info) || value > snd_ctl_elem_info_get_max(info)) {
-        LOG(LEVEL_ERROR, "value %ld out of range for mixer control numid=%d", value, numid);
-        return -1;
-      }
-      snd_ctl_elem_value_set_integer(v, static_cast<unsigned>(index), value);
-      break;
-    default:
-      LOG(LEVEL_ERROR, "mixer control numid=%d has an unsupported type", numid);
-      return -1;
-  }
+  if (putValue(info, v, numid, index, value) != 0) return -1;
   const int rc = snd_ctl_elem_write(ctl.get(), v);
   if (rc < 0) {
     LOG(LEVEL_ERROR, "could not set mixer control numid=%d: %s", numid, snd_strerror(rc));

@@ -50,11 +50,11 @@ TEST_F(Music, DuckedMusicIsQuieterInTheCapturedOutput) {
   ASSERT_TRUE(test::waitFor([&] { return onsets.get(20).size() == 1; }));
   ASSERT_TRUE(waitIdle(20));
   drain();
+  EXPECT_EQ(100, engine->musicVolume());
   const uint64_t voiceOnset = onsets.get(20)[0];
   const double before = capturedRms(voiceOnset - 8192, 4096);
   ASSERT_GT(before, 100.0);
   EXPECT_NEAR(0.5, capturedRms(voiceOnset + 2048, 4096) / before, 0.02);
-  EXPECT_EQ(100, engine->musicVolume());
 }
 
 TEST_F(Music, FadeSilencesTheMusicAndRemembersItsPosition) {
