@@ -86,8 +86,10 @@ int AudioOutput::open(const std::string& device) {
 
 void AudioOutput::close() {
   if (!open_) return;
-  Mix_SetPostMix(nullptr, nullptr);
+  // The hook stays until the device is closed: every pass that reaches the device is
+  // counted.
   Mix_CloseAudio();
+  Mix_SetPostMix(nullptr, nullptr);
   open_ = false;
 }
 

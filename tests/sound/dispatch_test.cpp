@@ -13,6 +13,8 @@ using Dispatch = test::EngineFixture;
 
 TEST_F(Dispatch, CapturedLevelFollowsTheGainFormula) {
   openWithSet();
+  // Some silence first, to look at before the first onset.
+  ASSERT_TRUE(test::waitFor([&] { return engine->framesMixed() >= 2048; }));
   // Master 128 with neutral gains plays at 128; master 64 at 64: half the amplitude.
   for (int master : {128, 64}) {
     settings.volume = master;
