@@ -79,7 +79,7 @@ void Korvo::createSoundEngine() {
   h.playbackShakerSequence = [bus](const std::vector<uint32_t>& seq) { bus->playbackShakerSequence(seq); };
   h.serialSend = [bus](const std::string& text) { bus->serialSend(text); };
   h.sendSocketCmd = [bus](const std::string& text) { bus->sendSocketCmd(text); };
-  h.writeSettings = [this] { config_.writeSettings("va.ini"); };
+  h.writeSettings = [this](const std::vector<std::string>& extra) { config_.writeSettings("va.ini", extra); };
   ProtocolHandlers* handlers = handlers_.get();
   h.suppressNotFound = [handlers](int id) { return handlers->suppressNotFound(id) != 0; };
   h.gpio = gpio_.get();

@@ -321,7 +321,7 @@ void Configuration::readSettings(const char* name) {
   }
 }
 
-void Configuration::writeSettings(const char* name) {
+void Configuration::writeSettings(const char* name, const std::vector<std::string>& extraLines) {
   ts_.volume = settings_.volume;
   ts_.soundSet = settings_.soundSet;
   ts_.audioDevice = settings_.audioDevice.get();
@@ -334,6 +334,7 @@ void Configuration::writeSettings(const char* name) {
     else
       out += strFormat("%s=%d\n", e.name.c_str(), e.intValue());
   }
+  for (const std::string& line : extraLines) out += line + "\n";
   if (writeFileAtomic(name, out) != 0) LOG(LEVEL_ERROR, "open setting for writing");
 }
 

@@ -153,7 +153,9 @@ class Configuration {
 
   // "va.ini" in the current working directory (or any directory given in `name`).
   void readSettings(const char* name);
-  void writeSettings(const char* name);
+  // Writes the settings keys, then `extraLines` (lines of other owners of the file), in
+  // one atomic replacement.
+  void writeSettings(const char* name, const std::vector<std::string>& extraLines = {});
   // "mellosound.ini" under baseDir; `hasI2C` says whether the catalogue is dumped.
   void readMasterConfig(const char* baseDir, bool hasI2C);
   // Replaces "mellosound.ini" with `content` (atomically). 0 on success, -1 on failure.

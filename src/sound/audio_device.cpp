@@ -1,5 +1,4 @@
-// The audio device: opening, reopening and cycling outputs, the ALSA device list and
-// the card's mixer controls.
+// The ALSA side of the audio devices: the device list and the card's mixer controls.
 #include "sound/audio_device.h"
 
 #include <SDL2/SDL.h>
@@ -7,13 +6,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <sstream>
 
-#include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
-#include "sound/sdl_sound.h"
 
 namespace korvo {
 
@@ -48,10 +44,7 @@ std::string jsonEscape(const std::string& s) {
   return out;
 }
 
-struct CtlCloser {
-  void operator()(snd_ctl_t* c) const { snd_ctl_close(c); }
-};
-using CtlPtr = std::unique_ptr<snd_ctl_t, CtlCloser>;
+using CtlPtr = Handle<snd_ctl_t, snd_ctl_close>;
 
 CtlPtr openCtl(const std::string& deviceName) {
   const std::string ctlName = controlDeviceFor(deviceName);
@@ -120,6 +113,86 @@ std::string controlDeviceFor(const std::string& pcmName) {
   return "default";
 }
 
+namespace {
+
+// The values of one element: null when unreadable, true/false, or numbers.
+std::string valuesJson(snd_ctl_elem_type_t type, unsigned count, const snd_ctl_elem_value_t* value, bool readable) {
+  std::string e = "[";
+  for (unsigned v = 0; v < count; v++) {
+    if (v) e += ", ";
+    if (!readable)
+      e += "null";
+    else if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
+      e += snd_ctl_elem_value_get_boolean(value, v) ? "true" : "false";
+    else if (type == SND_CTL_ELEM_TYPE_ENUMERATED)
+      e += strFormat("%u", snd_ctl_elem_value_get_enumerated(value, v));
+    else
+      e += strFormat("%ld", snd_ctl_elem_value_get_integer(value, v));
+  }
+  return e + "]";
+}
+
+std::string itemsJson(snd_ctl_t* ctl, snd_ctl_elem_info_t* info) {
+  std::string e = "[";
+  const unsigned items = snd_ctl_elem_info_get_items(info);
+  for (unsigned it = 0; it < items; it++) {
+    snd_ctl_elem_info_set_item(info, it);
+    if (snd_ctl_elem_info(ctl, info) < 0) break;
+    if (it) e += ", ";
+    e += "\"" + jsonEscape(snd_ctl_elem_info_get_item_name(info)) + "\"";
+  }
+  return e + "]";
+}
+
+// One element as JSON; "" for types other than INTEGER, BOOLEAN and ENUMERATED.
+std::string elementJson(snd_ctl_t* ctl, snd_ctl_elem_id_t* id) {
+  snd_ctl_elem_info_t* info = nullptr;
+  snd_ctl_elem_info_alloca(&info);
+  snd_ctl_elem_info_set_id(info, id);
+  if (snd_ctl_elem_info(ctl, info) < 0) return "";
+  const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
+  if (type != SND_CTL_ELEM_TYPE_INTEGER && type != SND_CTL_ELEM_TYPE_BOOLEAN && type != SND_CTL_ELEM_TYPE_ENUMERATED)
+    return "";
+  const unsigned valueCount = snd_ctl_elem_info_get_count(info);
+  snd_ctl_elem_value_t* value = nullptr;
+  snd_ctl_elem_value_alloca(&value);
+  snd_ctl_elem_value_set_id(value, id);
+  const bool readable = snd_ctl_elem_info_is_readable(info) && snd_ctl_elem_read(ctl, value) == 0;
+  std::string e = strFormat("{\"numid\": %u, \"name\": \"%s\", \"type\": \"%s\", \"count\": %u",
+                            snd_ctl_elem_id_get_numid(id), jsonEscape(snd_ctl_elem_id_get_name(id)).c_str(),
+                            snd_ctl_elem_type_name(type), valueCount);
+  if (type == SND_CTL_ELEM_TYPE_INTEGER)
+    e += strFormat(", \"min\": %ld, \"max\": %ld", snd_ctl_elem_info_get_min(info), snd_ctl_elem_info_get_max(info));
+  e += ", \"values\": " + valuesJson(type, valueCount, value, readable);
+  if (type == SND_CTL_ELEM_TYPE_ENUMERATED) e += ", \"items\": " + itemsJson(ctl, info);
+  return e + "}";
+}
+
+// Writes `value` into slot `index` of `v` as the element's type wants it. 0, or -1 with
+// an ERROR line.
+int putValue(snd_ctl_elem_info_t* info, snd_ctl_elem_value_t* v, int numid, int index, long value) {
+  switch (snd_ctl_elem_info_get_type(info)) {
+    case SND_CTL_ELEM_TYPE_BOOLEAN:
+      snd_ctl_elem_value_set_boolean(v, static_cast<unsigned>(index), value != 0);
+      return 0;
+    case SND_CTL_ELEM_TYPE_ENUMERATED:
+      snd_ctl_elem_value_set_enumerated(v, static_cast<unsigned>(index), static_cast<unsigned>(value));
+      return 0;
+    case SND_CTL_ELEM_TYPE_INTEGER:
+      if (value < snd_ctl_elem_info_get_min(info) || value > snd_ctl_elem_info_get_max(info)) {
+        LOG(LEVEL_ERROR, "value %ld out of range for mixer control numid=%d", value, numid);
+        return -1;
+      }
+      snd_ctl_elem_value_set_integer(v, static_cast<unsigned>(index), value);
+      return 0;
+    default:
+      LOG(LEVEL_ERROR, "mixer control numid=%d has an unsupported type", numid);
+      return -1;
+  }
+}
+
+}  // namespace
+
 std::string getAlsaControls(const std::string& deviceName) {
   CtlPtr ctl = openCtl(deviceName);
   if (!ctl) return "[]";
@@ -130,61 +203,17 @@ std::string getAlsaControls(const std::string& deviceName) {
   if (snd_ctl_elem_list_alloc_space(list, count) < 0) return "[]";
   std::string json = "[";
   if (snd_ctl_elem_list(ctl.get(), list) == 0) {
-    bool first = true;
     for (unsigned i = 0; i < snd_ctl_elem_list_get_used(list); i++) {
       snd_ctl_elem_id_t* id = nullptr;
       snd_ctl_elem_id_alloca(&id);
       snd_ctl_elem_list_get_id(list, i, id);
-      snd_ctl_elem_info_t* info = nullptr;
-      snd_ctl_elem_info_alloca(&info);
-      snd_ctl_elem_info_set_id(info, id);
-      if (snd_ctl_elem_info(ctl.get(), info) < 0) continue;
-      const snd_ctl_elem_type_t type = snd_ctl_elem_info_get_type(info);
-      if (type != SND_CTL_ELEM_TYPE_INTEGER && type != SND_CTL_ELEM_TYPE_BOOLEAN &&
-          type != SND_CTL_ELEM_TYPE_ENUMERATED)
-        continue;
-      const unsigned valueCount = snd_ctl_elem_info_get_count(info);
-      snd_ctl_elem_value_t* value = nullptr;
-      snd_ctl_elem_value_alloca(&value);
-      snd_ctl_elem_value_set_id(value, id);
-      const bool readable = snd_ctl_elem_info_is_readable(info) && snd_ctl_elem_read(ctl.get(), value) == 0;
-      std::string e = strFormat("{\"numid\": %u, \"name\": \"%s\", \"type\": \"%s\", \"count\": %u",
-                                snd_ctl_elem_id_get_numid(id), jsonEscape(snd_ctl_elem_id_get_name(id)).c_str(),
-                                snd_ctl_elem_type_name(type), valueCount);
-      if (type == SND_CTL_ELEM_TYPE_INTEGER)
-        e += strFormat(", \"min\": %ld, \"max\": %ld", snd_ctl_elem_info_get_min(info), snd_ctl_elem_info_get_max(info));
-      e += ", \"values\": [";
-      for (unsigned v = 0; v < valueCount; v++) {
-        if (v) e += ", ";
-        if (!readable)
-          e += "null";
-        else if (type == SND_CTL_ELEM_TYPE_BOOLEAN)
-          e += snd_ctl_elem_value_get_boolean(value, v) ? "true" : "false";
-        else if (type == SND_CTL_ELEM_TYPE_ENUMERATED)
-          e += strFormat("%u", snd_ctl_elem_value_get_enumerated(value, v));
-        else
-          e += strFormat("%ld", snd_ctl_elem_value_get_integer(value, v));
-      }
-      e += "]";
-      if (type == SND_CTL_ELEM_TYPE_ENUMERATED) {
-        e += ", \"items\": [";
-        const unsigned items = snd_ctl_elem_info_get_items(info);
-        for (unsigned it = 0; it < items; it++) {
-          snd_ctl_elem_info_set_item(info, it);
-          if (snd_ctl_elem_info(ctl.get(), info) < 0) break;
-          if (it) e += ", ";
-          e += "\"" + jsonEscape(snd_ctl_elem_info_get_item_name(info)) + "\"";
-        }
-        e += "]";
-      }
-      e += "}";
-      json += (first ? "" : ", ") + e;
-      first = false;
+      const std::string e = elementJson(ctl.get(), id);
+      if (e.empty()) continue;
+      json += (json.size() > 1 ? ", " : "") + e;
     }
   }
   snd_ctl_elem_list_free_space(list);
-  json += "]";
-  return json;
+  return json + "]";
 }
 
 int setValueForControl(const std::string& deviceName, int numid, int index, long value) {
@@ -215,24 +244,7 @@ int setValueForControl(const std::string& deviceName, int numid, int index, long
     LOG(LEVEL_ERROR, "could not read mixer control numid=%d", numid);
     return -1;
   }
-  switch (snd_ctl_elem_info_get_type(info)) {
-    case SND_CTL_ELEM_TYPE_BOOLEAN:
-      snd_ctl_elem_value_set_boolean(v, static_cast<unsigned>(index), value != 0);
-      break;
-    case SND_CTL_ELEM_TYPE_ENUMERATED:
-      snd_ctl_elem_value_set_enumerated(v, static_cast<unsigned>(index), static_cast<unsigned>(value));
-      break;
-    case SND_CTL_ELEM_TYPE_INTEGER:
-      if (value < snd_ctl_elem_info_get_min(info) || value > snd_ctl_elem_info_get_max(info)) {
-        LOG(LEVEL_ERROR, "value %ld out of range for mixer control numid=%d", value, numid);
-        return -1;
-      }
-      snd_ctl_elem_value_set_integer(v, static_cast<unsigned>(index), value);
-      break;
-    default:
-      LOG(LEVEL_ERROR, "mixer control numid=%d has an unsupported type", numid);
-      return -1;
-  }
+  if (putValue(info, v, numid, index, value) != 0) return -1;
   const int rc = snd_ctl_elem_write(ctl.get(), v);
   if (rc < 0) {
     LOG(LEVEL_ERROR, "could not set mixer control numid=%d: %s", numid, snd_strerror(rc));
@@ -253,147 +265,6 @@ bool parseControlLine(const std::string& line, int* numid, int* index, long* val
   *index = i;
   *value = v;
   return true;
-}
-
-// ---- the engine's device ----
-
-int SoundEngine::soundInit(int volume, const char* baseDir, int channels, int frequency) {
-  Lock lk(*this);
-  baseDir_ = baseDir ? baseDir : "";
-  channels_ = channels > 0 ? channels : 2;
-  frequency_ = frequency > 0 ? frequency : 44100;
-  if (!sdlAudioInit_) {
-    if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
-      LOG(LEVEL_ERROR, "could not init audio: %s, running without audio", SDL_GetError());
-      enableAudio_.store(0);
-      return -1;
-    }
-    sdlAudioInit_ = true;
-    Mix_Init(MIX_INIT_OGG | MIX_INIT_MP3);
-  }
-  std::string device = settings_.audioDevice.get();
-  if (openDevice(device) != 0) {
-    // A stored device that went away: try the default before giving up.
-    if (device.empty() || openDevice("") != 0) {
-      LOG(LEVEL_ERROR, "no audio device, running without audio");
-      enableAudio_.store(0);
-      return -1;
-    }
-  }
-  enableAudio_.store(1);
-  deviceIndex_ = 0;
-  const auto devices = getAudioDevices();
-  for (std::size_t i = 0; i < devices.size(); i++)
-    if (devices[i].displayName == openDevice_ || devices[i].name == openDevice_) deviceIndex_ = static_cast<int>(i);
-  setVolumeInternalLocked(volume);
-  applyStoredControls();
-  if (settings_.playBoot) playSystemSoundWithOverrideLocked(&lk, "boot.ogg", 0, baseDir_.c_str());
-  return 0;
-}
-
-void SoundEngine::soundShutdown() {
-  stopSoundServiceThread();
-  Lock lk(*this);
-  closeDevice();
-  enableAudio_.store(0);
-  if (sdlAudioInit_) {
-    Mix_Quit();
-    SDL_QuitSubSystem(SDL_INIT_AUDIO);
-    sdlAudioInit_ = false;
-  }
-}
-
-std::string SoundEngine::currentAudioDevice() const {
-  std::lock_guard lk(mutex_);
-  return openDevice_;
-}
-
-int SoundEngine::reopenAudioDevice(int n) {
-  Lock lk(*this);
-  const auto devices = getAudioDevices();
-  if (n < 0 || static_cast<std::size_t>(n) >= devices.size()) {
-    LOG(LEVEL_ERROR, "no audio device %d (have %zu)", n, devices.size());
-    return -1;
-  }
-  if (!sdlAudioInit_) {
-    LOG(LEVEL_ERROR, "audio is not initialised");
-    return -1;
-  }
-  const std::string previous = openDevice_;
-  // "default" is SDL's own default device; others are opened by their ALSA name.
-  const std::string wanted =
-      devices[static_cast<std::size_t>(n)].name == "default" ? std::string() : devices[static_cast<std::size_t>(n)].name;
-  closeDevice();
-  if (openDevice(wanted) != 0) {
-    if (openDevice(previous) != 0) {
-      LOG(LEVEL_ERROR, "previous audio device could not be opened again, running without audio");
-      enableAudio_.store(0);
-    }
-    return -1;
-  }
-  enableAudio_.store(1);
-  deviceIndex_ = n;
-  setVolumeInternalLocked(settings_.volume.load());
-  settings_.audioDevice.set(wanted);
-  persistSettings();
-  applyStoredControls();
-  playSystemSoundLocked(&lk, "ready.ogg", 0);
-  return n;
-}
-
-int SoundEngine::cycleAudioDevice() {
-  const auto devices = getAudioDevices();
-  int next;
-  {
-    Lock lk(*this);
-    next = (deviceIndex_ + 1) % static_cast<int>(devices.size());
-  }
-  return reopenAudioDevice(next);
-}
-
-int SoundEngine::setControlValue(int numid, int index, long value) {
-  Lock lk(*this);
-  const auto devices = getAudioDevices();
-  const std::string pcm = static_cast<std::size_t>(deviceIndex_) < devices.size()
-                              ? devices[static_cast<std::size_t>(deviceIndex_)].name
-                              : std::string("default");
-  if (setValueForControl(pcm, numid, index, value) != 0) return -1;
-  storedControls_[controlKey(numid, index)] = value;
-  const std::string key = controlKey(numid, index) + "=";
-  const std::string line = key + strFormat("%ld", value);
-  if (updateConfigFile(vaIniPath_.c_str(), key.c_str(), line.c_str()) != 0)
-    LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), vaIniPath_.c_str());
-  return 0;
-}
-
-void SoundEngine::persistSettings() {
-  if (!hooks_.writeSettings) return;
-  defer([this, path = vaIniPath_, controls = storedControls_] {
-    hooks_.writeSettings();
-    for (const auto& [key, value] : controls) {
-      const std::string line = strFormat("%s=%ld", key.c_str(), value);
-      if (updateConfigFile(path.c_str(), (key + "=").c_str(), line.c_str()) != 0)
-        LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), path.c_str());
-    }
-  });
-}
-
-void SoundEngine::applyStoredControls() {
-  std::string content;
-  if (!readWholeFile(vaIniPath_, content)) return;
-  const auto devices = getAudioDevices();
-  const std::string pcm = static_cast<std::size_t>(deviceIndex_) < devices.size()
-                              ? devices[static_cast<std::size_t>(deviceIndex_)].name
-                              : std::string("default");
-  std::istringstream in(content);
-  std::string line;
-  while (std::getline(in, line)) {
-    int numid = 0, index = 0;
-    long value = 0;
-    if (!parseControlLine(line, &numid, &index, &value)) continue;
-    storedControls_[controlKey(numid, index)] = value;
-    setValueForControl(pcm, numid, index, value);
-  }
 }
 
 }  // namespace korvo

@@ -13,7 +13,6 @@ namespace korvo {
 
 namespace {
 constexpr unsigned kRepeatWindowMs = 99;
-constexpr unsigned kGestureQuietMs = 800;
 constexpr unsigned kShuffleIntervalMs = 180000;
 constexpr int kAttractFadeMs = 6000;
 }  // namespace
@@ -41,12 +40,12 @@ void SoundEngine::handleSoundByTypeWithIdx(int id, int idx, int overrideVol) {
 }
 
 void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
-  if (loadingSoundSet_.load(std::memory_order_acquire)) return;
+  if (sets_.loading()) return;
   AudioSample* s = getSampleForId(id);
   if (!s) {
     if (isStopCommand(id)) {
       LOG(LEVEL_DEBUG, "stop cmd detected %d, stopping music", id);
-      stopMusicLocked();
+      music_.stop();
     } else if (hooks_.suppressNotFound && hooks_.suppressNotFound(id)) {
       // control traffic of the board: no warning
     } else {
@@ -54,7 +53,7 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
     }
     return;
   }
-  if (settings_.suppressRepeated && s->type != MUSIC && isSamplePlaying(static_cast<unsigned>(id))) {
+  if (settings_.suppressRepeated && s->type != MUSIC && channels_.isPlaying(static_cast<unsigned>(id))) {
     LOG(LEVEL_INFO, "sample %d is already playing, skipping cmd", id);
     return;
   }
@@ -63,6 +62,12 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
     return;
   }
   restartAttractTimer();
+  playTypeLocked(s, id, idx, overrideVol);
+}
+
+// The type rules: jingles fade other jingles and singles (and the music when nothing
+// ducks it), singles fade those and the music.
+void SoundEngine::playTypeLocked(AudioSample* s, int id, int idx, int overrideVol) {
   switch (s->type) {
     case MUSIC:
       playMusicLocked(id, 0, idx, 0.0);
@@ -72,13 +77,13 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
       playSampleLocked(id, idx, overrideVol);
       break;
     case JINGLE:
-      fadeJingleSingleLocked(300);
-      if (!index_.duckingIsActive()) fadeMusicLocked(300);
+      music_.fadeJingleSingle(300);
+      if (!index_.duckingIsActive()) music_.fade(300);
       playSampleLocked(id, idx, overrideVol);
       break;
     case SINGLE:
-      fadeJingleSingleLocked(300);
-      fadeMusicLocked(300);
+      music_.fadeJingleSingle(300);
+      music_.fade(300);
       playSampleLocked(id, idx, overrideVol);
       break;
     default:
@@ -87,51 +92,64 @@ void SoundEngine::handleSoundLocked(int id, int idx, int overrideVol) {
   }
 }
 
+void SoundEngine::playMusicLocked(int id, int ms, int idx, double pos) {
+  const AudioSample* s = getSampleForId(id);
+  if (s && !s->serialcmd.empty()) playCommandLocked(s->serialcmd.c_str());
+  music_.play(id, ms, idx, pos);
+}
+
+void SoundEngine::stopAllSamples() {
+  Lock lk(*this);
+  stopAllSamplesLocked();
+}
+
+void SoundEngine::stopAllSamplesLocked() {
+  if (output_.isOpen()) Mix_HaltChannel(-1);
+  for (int ch = 0; ch < kMixChannels; ch++) {
+    const unsigned id = channels_.clear(ch);
+    if (id == kChannelIdle) continue;
+    AudioSample* s = getSampleForId(static_cast<int>(id));
+    if (s) s->isplayingonchannel = AudioSample::kNotPlaying;
+  }
+  // Reports of the halted plays are already on the ring; records whose id the hook
+  // took first are cleared here.
+  for (auto& node : index_.samplesMap())
+    if (node.value) node.value->isplayingonchannel = AudioSample::kNotPlaying;
+}
+
 void SoundEngine::playSample(int id, int idx, int overrideVol) {
   Lock lk(*this);
   playSampleLocked(id, idx, overrideVol);
 }
 
-int SoundEngine::chooseSampleIndex(const AudioSample* s) {
+int chooseVariant(const AudioSample* s) {
   const int n = static_cast<int>(s->samples.size());
   if (n <= 1) return 0;
   return std::rand() % n;
 }
 
-// The sample's own channel when it still plays there (a restart), else the first
-// free one; -1 when all are busy. Choosing here rather than letting the mixer pick
-// means the channel table is written before the sample can finish.
-int SoundEngine::findChannelFor(const AudioSample* s, unsigned id) {
-  const int own = s->isplayingonchannel;
-  if (own >= 0 && own < kMixChannels && idPlayingOnChannel_[own].load(std::memory_order_acquire) == id) return own;
-  for (int ch = 0; ch < kMixChannels; ch++) {
-    if (!Mix_Playing(ch)) return ch;
-  }
-  return -1;
-}
-
 void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
   AudioSample* s = getSampleForId(id);
-  sendCmd(s);
+  if (s && !s->serialcmd.empty()) playCommandLocked(s->serialcmd.c_str());
   if (!s || s->samples.empty()) {
     LOG(LEVEL_WARN, "playSample(id=%d, idx=%d) no sample found", id, idx);
     return;
   }
   const int n = static_cast<int>(s->samples.size());
   if (idx == -1)
-    idx = chooseSampleIndex(s);
+    idx = chooseVariant(s);
   else if (idx < 0)
     idx = 0;
   else if (idx > n - 1)
     idx = n - 1;
   s->syncChunks();
   if (!s->isLoaded(static_cast<std::size_t>(idx))) {
-    loadSampleLocked(id);
+    pool_.load(id);
     if (!s->isLoaded(static_cast<std::size_t>(idx))) return;  // the pool logged why
   }
-  if (!deviceOpen_) return;
+  if (!output_.isOpen()) return;
   const unsigned uid = static_cast<unsigned>(id);
-  const int ch = findChannelFor(s, uid);
+  const int ch = channels_.findChannelFor(s->isplayingonchannel, uid);
   if (ch < 0) {
     LOG(LEVEL_WARN, "no free channel for sample %d", id);
     return;
@@ -139,17 +157,13 @@ void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
   // A restart: halt the old play first, so its finished report carries the old
   // generation and the table is free for the new one.
   if (Mix_Playing(ch)) Mix_HaltChannel(ch);
-  Mix_UnregisterEffect(ch, &SoundEngine::onsetEffect);
-  Mix_RegisterEffect(ch, &SoundEngine::onsetEffect, nullptr, this);
-  onsetPending_[ch].store(true, std::memory_order_release);
-  channelGen_[ch].fetch_add(1, std::memory_order_acq_rel);
-  idPlayingOnChannel_[ch].store(uid, std::memory_order_release);
+  channels_.attachOnsetEffect(ch);
+  channels_.beginPlay(ch, uid);
   const int vol = getVolumeForSample(s, overrideVol);
   // The volume goes first so the very first mixing pass already has it.
   Mix_Volume(ch, vol);
   if (Mix_PlayChannel(ch, s->chunk[static_cast<std::size_t>(idx)].get(), 0) < 0) {
-    idPlayingOnChannel_[ch].store(kChannelIdle, std::memory_order_release);
-    onsetPending_[ch].store(false, std::memory_order_release);
+    channels_.abortPlay(ch);
     LOG(LEVEL_ERROR, "error playing sample %d: %s", id, Mix_GetError());
     return;
   }
@@ -157,25 +171,29 @@ void SoundEngine::playSampleLocked(int id, int idx, int overrideVol) {
       audioTypeName(s->type), s->name.c_str(), ch);
   s->lastused = static_cast<uint32_t>(millis());
   s->isplayingonchannel = ch;
-  doCheckDucking(-1);
+  music_.checkDucking(-1);
   if (settings_.shakerEnabled && !s->shakersequence.empty() && hooks_.playbackShakerSequence)
-    defer([this, seq = s->shakersequence] { hooks_.playbackShakerSequence(seq); });
+    ctx_.defer([this, seq = s->shakersequence] { hooks_.playbackShakerSequence(seq); });
 }
 
-int SoundEngine::getVolumeForSample(const AudioSample* sample, int overideVol) {
+int volumeForSample(const EngineContext& ctx, const AudioSample* sample, int overideVol) {
   const int type = sample->type >= 0 && sample->type < kAudioTypeCount ? sample->type : 0;
-  const int typeGain = index_.gainByType(type);
+  const int typeGain = ctx.index.gainByType(type);
   int relative;
   if (overideVol == -1)
     relative = static_cast<int>(sample->gain) + typeGain - 100;
   else
     relative = overideVol - 50;
-  int res = settings_.volume.load() + relative;
+  int res = ctx.settings.volume.load() + relative;
   // Never 0: a sample is never silenced through gains alone.
   if (res < 1) res = 1;
   if (res > MIX_MAX_VOLUME) res = MIX_MAX_VOLUME;
   LOG(LEVEL_DEBUG, "getVolumeForSample: sample->gain: %u, gainByType: %d, res: %d ", sample->gain, typeGain, res);
   return res;
+}
+
+int SoundEngine::getVolumeForSample(const AudioSample* sample, int overideVol) {
+  return volumeForSample(ctx_, sample, overideVol);
 }
 
 int SoundEngine::isStopCommand(int id) const {
@@ -185,57 +203,21 @@ int SoundEngine::isStopCommand(int id) const {
   return 0;
 }
 
-int SoundEngine::isSamplePlaying(unsigned id) const {
-  for (int ch = 0; ch < kMixChannels; ch++)
-    if (idPlayingOnChannel_[ch].load(std::memory_order_acquire) == id) return 1;
-  return 0;
-}
-
-unsigned SoundEngine::idPlayingOnChannel(int ch) const {
-  if (ch < 0 || ch >= kMixChannels) return kChannelIdle;
-  return idPlayingOnChannel_[ch].load(std::memory_order_acquire);
-}
-
 void SoundEngine::restartAttractTimer() { lastSoundCmd_.store(static_cast<unsigned>(millis())); }
-
-void SoundEngine::countVolumeZero(unsigned now) {
-  const int n = countVolNull_.fetch_add(1) + 1;
-  LOG(LEVEL_DEBUG, "count vol null %d", n);
-  switchTimer_.store(now);
-}
 
 void SoundEngine::updateSound(unsigned now) {
   // The loop runs at 1 kHz: decide lock-free whether anything is due.
-  const unsigned timer = switchTimer_.load();
-  const bool gesture = timer != 0 && countVolNull_.load() > 1 && now - timer > kGestureQuietMs;
+  const int burst = gesture_.poll(now);
   const unsigned last = lastSoundCmd_.load();
   const bool attract = last != 0 && now > last && now - last > static_cast<unsigned>(settings_.attractTimeOut);
-  if (!gesture && !attract && !shuffleModeHint_.load(std::memory_order_relaxed)) return;
+  if (burst <= 1 && !attract && !shuffleModeHint_.load(std::memory_order_relaxed)) return;
   Lock lk(*this);
-  updateSoundLocked(lk, now);
+  updateSoundLocked(burst, now);
 }
 
-void SoundEngine::updateSoundLocked(Lock& lk, unsigned now) {
-  const unsigned timer = switchTimer_.load();
-  const int count = countVolNull_.load();
-  if (timer != 0 && count > 1 && now - timer > kGestureQuietMs) {
-    if (count == 5) {
-      shuffleMode_ = 1;
-      shuffleModeHint_.store(true, std::memory_order_relaxed);
-      countVolNull_.store(0);
-      shuffleTimer_ = now;
-      setVolumeInternalLocked(20);
-      // The main loop keeps its 1 ms cadence: the prompt is not waited for here.
-      playSystemSoundLocked(&lk, "shuffle.ogg", 0);
-    } else {
-      SoundServiceRequest req = ring_.buildRequest(SWITCH_SOUNDSET);
-      req.id = count - 1;
-      ring_.queuePut(req);
-      countVolNull_.store(0);
-      shuffleMode_ = 0;
-      shuffleModeHint_.store(false, std::memory_order_relaxed);
-    }
-  }
+void SoundEngine::updateSoundLocked(int burst, unsigned now) {
+  // A single zero is no gesture: it has been forgotten by the poll.
+  if (burst > 1) gestureEndedLocked(burst, now);
   if (shuffleMode_ && now - shuffleTimer_ > kShuffleIntervalMs) {
     shuffleTimer_ = now;
     // The step is the current number plus one: the set reached scatters, by design.
@@ -248,15 +230,28 @@ void SoundEngine::updateSoundLocked(Lock& lk, unsigned now) {
     LOG(LEVEL_INFO, "%u - %u > %u -> fading background music", now, last,
         static_cast<unsigned>(settings_.attractTimeOut));
     lastSoundCmd_.store(0);
-    fadeMusicLocked(kAttractFadeMs);
+    music_.fade(kAttractFadeMs);
   }
 }
 
-// ---- command strings ----
-
-void SoundEngine::sendCmd(const AudioSample* s) {
-  if (s && !s->serialcmd.empty()) playCommandLocked(s->serialcmd.c_str());
+// Five zeros start shuffle mode; two to four step that many sets minus one.
+void SoundEngine::gestureEndedLocked(int count, unsigned now) {
+  if (count == 5) {
+    shuffleMode_ = 1;
+    shuffleModeHint_.store(true, std::memory_order_relaxed);
+    shuffleTimer_ = now;
+    music_.setStreamVolume(20);
+    prompts_.play("shuffle.ogg");
+    return;
+  }
+  SoundServiceRequest req = ring_.buildRequest(SWITCH_SOUNDSET);
+  req.id = count - 1;
+  ring_.queuePut(req);
+  shuffleMode_ = 0;
+  shuffleModeHint_.store(false, std::memory_order_relaxed);
 }
+
+// ---- command strings ----
 
 void SoundEngine::playCommand(const char* cmd) {
   Lock lk(*this);
@@ -287,14 +282,14 @@ void SoundEngine::processCmd(const char* cmd) {
   LOG(LEVEL_DEBUG, "processing cmd %s", cmd);
   const std::string text(cmd);
   if (isPortCmd(cmd, settings_)) {
-    defer([this, text] { sendPortCmd(text.c_str()); });
+    ctx_.defer([this, text] { sendPortCmd(text.c_str()); });
   } else if (isI2CCmd(cmd)) {
-    defer([this, text] { sendI2CCmd(text.c_str()); });
+    ctx_.defer([this, text] { sendI2CCmd(text.c_str()); });
   } else if (settings_.luaEnabled) {
-    if (hooks_.luaRun) defer([this, text] { hooks_.luaRun(text); });
+    if (hooks_.luaRun) ctx_.defer([this, text] { hooks_.luaRun(text); });
   } else {
-    if (settings_.enableSerial && hooks_.serialSend) defer([this, text] { hooks_.serialSend(text); });
-    if (!settings_.sms_address.empty() && hooks_.sendSocketCmd) defer([this, text] { hooks_.sendSocketCmd(text); });
+    if (settings_.enableSerial && hooks_.serialSend) ctx_.defer([this, text] { hooks_.serialSend(text); });
+    if (!settings_.sms_address.empty() && hooks_.sendSocketCmd) ctx_.defer([this, text] { hooks_.sendSocketCmd(text); });
   }
 }
 
@@ -360,17 +355,13 @@ int SoundEngine::randomSampleId() {
 
 void SoundEngine::dumpWhatsPlaying() {
   Lock lk(*this);
-  dumpWhatsPlayingLocked();
-}
-
-void SoundEngine::dumpWhatsPlayingLocked() {
-  const int music = musicIdPlaying_.load();
+  const int music = music_.idPlaying();
   if (music != 0) {
     const AudioSample* m = getSampleForId(music);
     LOG(LEVEL_DEBUG, "music playing %d, %s", music, m ? m->name.c_str() : "");
   }
   for (int ch = 0; ch < kMixChannels; ch++) {
-    const unsigned id = idPlayingOnChannel_[ch].load();
+    const unsigned id = channels_.id(ch);
     if (id == kChannelIdle) continue;
     const AudioSample* s = getSampleForId(static_cast<int>(id));
     LOG(LEVEL_DEBUG, "sample playing %d, %s %s on ch %d", static_cast<int>(id), s ? audioTypeName(s->type) : "?",

@@ -1,21 +1,19 @@
-// The engine object, the mixer hooks and the frame counter.
+// The engine object: its parts wired together, the lock and its queued side effects,
+// the mixer hooks, and the device's life (open, reopen, close, controls, va.ini).
 #include "sound/sdl_sound.h"
 
 #include <SDL2/SDL.h>
 
-#include <cinttypes>
-#include <cstdlib>
-#include <cstring>
-
+#include "base/fileutil.h"
 #include "base/log.h"
 #include "base/stringutil.h"
-#include "platform/clock.h"
+#include "base/thread.h"
 
 namespace korvo {
 
 namespace {
 // The mixer's finished hooks carry no user pointer: they reach the engine whose
-// device is open through this pointer (set by soundInit, cleared by soundShutdown).
+// device is open through this pointer (set when it opens, cleared when it closes).
 std::atomic<SoundEngine*> gHookEngine{nullptr};
 }  // namespace
 
@@ -29,30 +27,33 @@ std::string readableSize(unsigned long bytes) {
 void SoundEngine::EngineLock::unlock() {
   if (!lk_.owns_lock()) return;
   std::vector<std::function<void()>> work;
-  work.swap(e_->deferred_);
+  work.swap(e_->ctx_.deferred);
   lk_.unlock();
   if (work.empty()) return;
   // One thread at a time runs side effects (the settings writer and the outputs are
   // not thread-safe); recursive, because a Lua command may call back into the engine
   // and run its own effects on this thread.
   std::lock_guard effects(e_->effectsMutex_);
-  for (auto& w : work) {
-    try {
-      w();
-    } catch (const std::exception& ex) {
-      LOG(LEVEL_ERROR, "sound engine side effect failed: %s", ex.what());
-    }
-  }
+  for (auto& w : work) runGuarded("sound engine side effect", w);
 }
 
-SoundEngine::SoundEngine(Settings& s) : settings_(s), index_(s) {
+SoundEngine::SoundEngine(Settings& s)
+    : settings_(s),
+      index_(s),
+      ctx_{s, index_, hooks_, {}},
+      channels_(output_.frameCounter()),
+      pool_(ctx_, output_, channels_),
+      music_(ctx_, output_, channels_, pool_),
+      prompts_(output_, music_),
+      sets_(ctx_, output_, pool_, music_, prompts_,
+            SetSwitcher::Actions{[this] { stopAllSamplesLocked(); }, [this] { persistSettings(); },
+                                 [this] { setVolumeLocked(settings_.volume.load()); },
+                                 [this](int id) { replayMusicAfterPrompts(id); }}) {
   // The index calls this with the engine lock held (a type gain changed).
   index_.hooks().reapplyVolume = [this] { setVolumeLocked(settings_.volume.load()); };
-  for (int i = 0; i < kMixChannels; i++) {
-    idPlayingOnChannel_[i].store(kChannelIdle);
-    channelGen_[i].store(0);
-    onsetPending_[i].store(false);
-  }
+  prompts_.setOnIdle([this] {
+    if (musicAfterPrompts_ > 0) handleSoundLocked(std::exchange(musicAfterPrompts_, 0), -1, -1);
+  });
 }
 
 SoundEngine::~SoundEngine() {
@@ -62,12 +63,7 @@ SoundEngine::~SoundEngine() {
   // Records own chunks: free them while the mixer library is still usable.
   index_.clearSamples();
   // Side effects queued at shutdown would reach subsystems that are already gone.
-  deferred_.clear();
-}
-
-void SoundEngine::setOnsetObserver(OnsetObserver fn, void* user) {
-  onsetUser_.store(user, std::memory_order_release);
-  onsetObserver_.store(fn, std::memory_order_release);
+  ctx_.deferred.clear();
 }
 
 // ---- mixer hooks ----
@@ -84,109 +80,160 @@ void SoundEngine::musicFinishedCallback() {
 
 void SoundEngine::onChannelFinished(int ch) {
   if (ch < 0 || ch >= kMixChannels) return;
-  // Clearing the table entry first lets the ducking recomputation of this report
-  // already exclude the finished sample. The record's own channel field is engine
-  // state: the service thread clears it, and only if the generation still matches.
-  const unsigned id = idPlayingOnChannel_[ch].exchange(kChannelIdle, std::memory_order_acq_rel);
+  // The record's own channel field is engine state: the service thread clears it, and
+  // only if the generation still matches.
   SoundServiceRequest req = ring_.buildRequest(CHANNEL_FINISHED);
   req.channelNumber = ch;
-  req.id = static_cast<int32_t>(id);
-  req.generation = channelGen_[ch].load(std::memory_order_acquire);
-  ring_.queuePut(req);
+  req.id = static_cast<int32_t>(channels_.finish(ch, &req.generation));
+  ring_.postFromHook(req);
 }
 
 void SoundEngine::onMusicFinished() {
-  musicIdPlaying_.store(0, std::memory_order_release);
-  musicPlaying_.store(0, std::memory_order_release);
+  music_.onStreamFinished();
+  prompts_.onStreamFinished();
   SoundServiceRequest req = ring_.buildRequest(MUSIC_FINISHED);
   req.id = 0;
-  ring_.queuePut(req);
+  ring_.postFromHook(req);
 }
 
-void SoundEngine::postMixCallback(void* udata, Uint8*, int len) {
-  auto* e = static_cast<SoundEngine*>(udata);
-  const int bpf = e->bytesPerFrame_.load(std::memory_order_relaxed);
-  e->framesMixed_.fetch_add(static_cast<uint64_t>(len / bpf), std::memory_order_acq_rel);
-  e->lastPassMicros_.store(micros(), std::memory_order_release);
-}
-
-// Registered on a channel just before a sample starts there; the first mixing pass
-// that includes the sample records the frame counter (frames mixed before this pass).
-void SoundEngine::onsetEffect(int chan, void*, int, void* udata) {
-  auto* e = static_cast<SoundEngine*>(udata);
-  if (chan < 0 || chan >= kMixChannels) return;
-  if (!e->onsetPending_[chan].exchange(false, std::memory_order_acq_rel)) return;
-  OnsetObserver fn = e->onsetObserver_.load(std::memory_order_acquire);
-  if (fn)
-    fn(e->onsetUser_.load(std::memory_order_acquire), e->idPlayingOnChannel_[chan].load(std::memory_order_acquire),
-       chan, e->framesMixed_.load(std::memory_order_acquire));
-}
-
-// ---- device open / close (the ALSA side lives in audio_device.cpp) ----
+// ---- device ----
 
 int SoundEngine::openDevice(const std::string& device) {
-  // The hooks go in before the device opens so the very first pass is counted.
-  Mix_SetPostMix(&SoundEngine::postMixCallback, this);
-  bytesPerFrame_ = 2 * (channels_ > 0 ? channels_ : 2);
-  const char* name = device.empty() ? nullptr : device.c_str();
-  const int chans = channels_ > 0 ? channels_ : 2;
-  int rc = Mix_OpenAudioDevice(frequency_, AUDIO_S16SYS, chans, bufferFrames_, name, SDL_AUDIO_ALLOW_FREQUENCY_CHANGE);
-  const char* driver = SDL_GetCurrentAudioDriver();
-  if (rc != 0 && name && driver && std::strcmp(driver, "alsa") == 0) {
-    // SDL lists ALSA devices by description; an ALSA PCM name ("hw:CARD=x,DEV=0")
-    // reaches SDL's ALSA backend as the default device's name.
-    const char* old = std::getenv("AUDIODEV");
-    const std::string saved = old ? old : "";
-    setenv("AUDIODEV", name, 1);
-    rc = Mix_OpenAudioDevice(frequency_, AUDIO_S16SYS, chans, bufferFrames_, nullptr, SDL_AUDIO_ALLOW_FREQUENCY_CHANGE);
-    if (old)
-      setenv("AUDIODEV", saved.c_str(), 1);
-    else
-      unsetenv("AUDIODEV");
-  }
-  if (rc != 0) {
-    LOG(LEVEL_ERROR, "could not open audio device '%s': %s", name ? name : "default", Mix_GetError());
-    Mix_SetPostMix(nullptr, nullptr);
-    return -1;
-  }
-  int freq = 0, gotChans = 0;
-  Uint16 format = 0;
-  if (Mix_QuerySpec(&freq, &format, &gotChans) != 0) {
-    frequency_ = freq;
-    bytesPerFrame_ = static_cast<int>(SDL_AUDIO_BITSIZE(format) / 8) * gotChans;
-  }
-  Mix_AllocateChannels(kMixChannels);
-  for (int i = 0; i < kMixChannels; i++) idPlayingOnChannel_[i].store(kChannelIdle);
+  if (output_.open(device) != 0) return -1;
+  channels_.clearAll();
   gHookEngine.store(this, std::memory_order_release);
   Mix_ChannelFinished(&SoundEngine::channelFinishedCallback);
   Mix_HookMusicFinished(&SoundEngine::musicFinishedCallback);
-  deviceOpen_ = true;
-  openDevice_ = device;
-  LOG(LEVEL_INFO, "audio device '%s' open: %d Hz, %d channels, %d frames per buffer", name ? name : "default",
-      frequency_, gotChans, bufferFrames_);
   return 0;
 }
 
 void SoundEngine::closeDevice() {
-  if (!deviceOpen_) return;
+  if (!output_.isOpen()) return;
   stopAllSamplesLocked();
-  haltMusicStream();
-  spMusic_.reset();
-  systemSoundMix_.reset();
-  lastSystemSound_.clear();
-  // Chunks must not outlive the device they were converted for.
-  for (auto& node : index_.samplesMap()) {
-    if (node.value) node.value->unloadChunks();
-  }
-  bytesUsedForLoadedSamples_ = 0;
+  prompts_.dropAll();
+  music_.haltStream();
+  music_.release();
+  pool_.unloadChunks();
   Mix_ChannelFinished(nullptr);
   Mix_HookMusicFinished(nullptr);
-  Mix_SetPostMix(nullptr, nullptr);
-  Mix_CloseAudio();
+  output_.close();
   SoundEngine* self = this;
   gHookEngine.compare_exchange_strong(self, nullptr);
-  deviceOpen_ = false;
-  for (int i = 0; i < kMixChannels; i++) idPlayingOnChannel_[i].store(kChannelIdle);
+  channels_.clearAll();
+}
+
+int SoundEngine::soundInit(int volume, const char* baseDir, int channels, int frequency) {
+  Lock lk(*this);
+  sets_.setBaseDir(baseDir ? baseDir : "");
+  output_.configure(channels, frequency);
+  if (!output_.initAudio()) {
+    output_.setEnabled(false);
+    return -1;
+  }
+  const std::string device = settings_.audioDevice.get();
+  if (openDevice(device) != 0) {
+    // A stored device that went away: try the default before giving up.
+    if (device.empty() || openDevice("") != 0) {
+      LOG(LEVEL_ERROR, "no audio device, running without audio");
+      output_.setEnabled(false);
+      return -1;
+    }
+  }
+  output_.setEnabled(true);
+  output_.findDeviceIndex();
+  music_.setStreamVolume(volume);
+  output_.applyStoredControls();
+  prompts_.startThread([this](const std::function<void()>& work) {
+    Lock l(*this);
+    work();
+  });
+  if (settings_.playBoot) prompts_.playWithOverride("boot.ogg", sets_.baseDir().c_str());
+  return 0;
+}
+
+void SoundEngine::soundShutdown() {
+  stopSoundServiceThread();
+  prompts_.stopThread();
+  Lock lk(*this);
+  closeDevice();
+  output_.setEnabled(false);
+  output_.quitAudio();
+}
+
+std::string SoundEngine::currentAudioDevice() const {
+  std::lock_guard lk(mutex_);
+  return output_.deviceName();
+}
+
+int SoundEngine::reopenAudioDevice(int n) {
+  Lock lk(*this);
+  const auto devices = getAudioDevices();
+  if (n < 0 || static_cast<std::size_t>(n) >= devices.size()) {
+    LOG(LEVEL_ERROR, "no audio device %d (have %zu)", n, devices.size());
+    return -1;
+  }
+  if (!output_.audioInitialised()) {
+    LOG(LEVEL_ERROR, "audio is not initialised");
+    return -1;
+  }
+  const std::string previous = output_.deviceName();
+  // "default" is SDL's own default device; others are opened by their ALSA name.
+  const auto& entry = devices[static_cast<std::size_t>(n)];
+  const std::string wanted = entry.name == "default" ? std::string() : entry.name;
+  closeDevice();
+  if (openDevice(wanted) != 0) {
+    if (openDevice(previous) != 0) {
+      LOG(LEVEL_ERROR, "previous audio device could not be opened again, running without audio");
+      output_.setEnabled(false);
+    }
+    return -1;
+  }
+  output_.setEnabled(true);
+  output_.setDeviceIndex(n);
+  music_.setStreamVolume(settings_.volume.load());
+  settings_.audioDevice.set(wanted);
+  persistSettings();
+  output_.applyStoredControls();
+  prompts_.play("ready.ogg");
+  return n;
+}
+
+int SoundEngine::cycleAudioDevice() {
+  const auto devices = getAudioDevices();
+  int next;
+  {
+    Lock lk(*this);
+    next = (output_.deviceIndex() + 1) % static_cast<int>(devices.size());
+  }
+  return reopenAudioDevice(next);
+}
+
+void SoundEngine::setTransientSettingsFile(std::string path) {
+  std::lock_guard lk(mutex_);
+  output_.setControlsFile(std::move(path));
+}
+
+std::string SoundEngine::transientSettingsFile() const {
+  std::lock_guard lk(mutex_);
+  return output_.controlsFile();
+}
+
+int SoundEngine::setControlValue(int numid, int index, long value) {
+  Lock lk(*this);
+  if (output_.setControl(numid, index, value) != 0) return -1;
+  const std::string key = controlKey(numid, index) + "=";
+  const std::string line = key + strFormat("%ld", value);
+  const std::string path = output_.controlsFile();
+  if (updateConfigFile(path.c_str(), key.c_str(), line.c_str()) != 0)
+    LOG(LEVEL_ERROR, "could not store %s in %s", line.c_str(), path.c_str());
+  return 0;
+}
+
+// The settings writer knows only its own keys: the control lines go along in the same
+// write, so a cut between two writes can never lose them.
+void SoundEngine::persistSettings() {
+  if (!hooks_.writeSettings) return;
+  ctx_.defer([&hooks = hooks_, lines = output_.controlLines()] { hooks.writeSettings(lines); });
 }
 
 }  // namespace korvo

@@ -8,6 +8,7 @@
 #include <sched.h>
 
 #include "base/log.h"
+#include "base/thread.h"
 #include "sound/sdl_sound.h"
 
 namespace korvo {
@@ -50,6 +51,19 @@ void RequestRing::queuePut(const SoundServiceRequest& req) {
   queueCond_.notify_one();
 }
 
+bool RequestRing::postFromHook(const SoundServiceRequest& req) {
+  {
+    std::lock_guard lk(queueMutex_);
+    if (testIOonly_.load(std::memory_order_relaxed)) return true;
+    if (!queue_.queuePut__(req)) {
+      hookOverruns_.fetch_add(1, std::memory_order_acq_rel);
+      return false;
+    }
+  }
+  queueCond_.notify_one();
+  return true;
+}
+
 int RequestRing::queueGet(SoundServiceRequest* req, int timeoutInMicros) {
   std::unique_lock lk(queueMutex_);
   bool got = queue_.queueGet__(*req);
@@ -81,7 +95,7 @@ int RequestRing::pending() const {
 void SoundEngine::startSoundServiceThread() {
   if (serviceThread_.joinable()) return;
   try {
-    serviceThread_ = std::thread([this] { soundServiceHandler(); });
+    serviceThread_ = startThread("SndService", [this] { soundServiceHandler(); });
     LOG(LEVEL_INFO, "start sound service thread");
   } catch (const std::system_error& e) {
     LOG(LEVEL_ERROR, "Starting sound service thread failed: %d", e.code().value());
@@ -94,8 +108,12 @@ void SoundEngine::stopSoundServiceThread() {
   serviceThread_.join();
 }
 
+void SoundEngine::logHookOverruns() {
+  if (const int lost = ring_.takeHookOverruns())
+    LOG(LEVEL_WARN, "sound request ring full: %d reports of the audio thread lost", lost);
+}
+
 void SoundEngine::soundServiceHandler() {
-  setThreadName("SndService");
   const int prio = servicePriority_.load();
   if (prio > 0) {
     // Real-time priority keeps a busy board (web uploads, decoding) from delaying the
@@ -110,19 +128,17 @@ void SoundEngine::soundServiceHandler() {
   }
   SoundServiceRequest req;
   for (;;) {
-    if (ring_.queueGet(&req, 1000000) != 1) continue;
+    const int got = ring_.queueGet(&req, 1000000);
+    logHookOverruns();
+    if (got != 1) continue;
     if (req.type == TERM_SERVICE_THREAD) {
       LOG(LEVEL_INFO, "end sound service thread");
       // SDL keeps per-thread error state for threads it did not create.
       SDL_TLSCleanup();
       return;
     }
-    try {
-      doSoundService(req);
-    } catch (const std::exception& e) {
-      // One bad request must not end the thread that serves every later one.
-      LOG(LEVEL_ERROR, "sound service request %s failed: %s", serviceTypeName(req.type), e.what());
-    }
+    // One bad request must not end the thread that serves every later one.
+    runGuarded("sound service request", [&] { doSoundService(req); });
   }
 }
 
@@ -137,7 +153,7 @@ void SoundEngine::doSoundService(const SoundServiceRequest& req) {
       // The hook could not call into Lua from the audio thread; tell it now what plays.
       if (settings_.luaEnabled && hooks_.setLuaGlobal) {
         Lock lk(*this);
-        defer([this, id = musicIdPlaying_.load()] { hooks_.setLuaGlobal("musicPlayingId", id); });
+        ctx_.defer([this, id = music_.idPlaying()] { hooks_.setLuaGlobal("musicPlayingId", id); });
       }
       break;
     }
@@ -154,7 +170,7 @@ void SoundEngine::doSoundService(const SoundServiceRequest& req) {
     case STOP_ALL: {
       Lock lk(*this);
       stopAllSamplesLocked();
-      stopMusicLocked();
+      music_.stop();
       break;
     }
     default:
@@ -166,11 +182,11 @@ void SoundEngine::channelFinishedLocked(const SoundServiceRequest& req) {
   const int ch = req.channelNumber;
   if (ch < 0 || ch >= kMixChannels) return;
   // A report for an older play of this channel leaves the new play alone.
-  const bool current = channelGen_[ch].load(std::memory_order_acquire) == req.generation;
+  const bool current = channels_.generation(ch) == req.generation;
   AudioSample* s = getSampleForId(req.id);
   if (current && s && s->isplayingonchannel == ch) s->isplayingonchannel = AudioSample::kNotPlaying;
-  doCheckDucking(ch);
-  if (current && s && !index_.duckingIsActive() && s->type == JINGLE) resumeMusicLocked(300);
+  music_.checkDucking(ch);
+  if (current && s && !index_.duckingIsActive() && s->type == JINGLE) music_.resume(300);
 }
 
 }  // namespace korvo

@@ -47,7 +47,8 @@ struct SoundServiceRequest {
 
 // A ring of 40 slots (39 pending requests). Posting the 40th request while none was
 // taken overruns the ring: it then reads as empty and every pending request is lost
-// (logged at WARN); later posts start a fresh fill. With one consumer draining in
+// (logged at WARN); later posts start a fresh fill. The hooks' posts never empty it: a
+// hook that finds it full drops its own request and counts it. With one consumer draining in
 // microseconds this does not happen in practice, and a stale backlog of bus commands
 // is worth less than the commands that follow it.
 class RequestRing {
@@ -64,6 +65,11 @@ class RequestRing {
   // Posts a request (TRACE "put req to queue: ..."). In the I/O test mode the request
   // is logged and dropped.
   void queuePut(const SoundServiceRequest& req);
+  // Posts from the mixer's hooks (audio thread, mixer lock held): no log line, no
+  // stdio. A full ring drops this request and counts it; false then.
+  bool postFromHook(const SoundServiceRequest& req);
+  // Requests of the hooks dropped since the last call (the service thread logs them).
+  int takeHookOverruns() { return hookOverruns_.exchange(0, std::memory_order_acq_rel); }
   // Takes the next request into *req: if none is pending, waits once, at most
   // `timeoutInMicros` (negative: without limit), and tries again. 1 when a request was
   // taken, 0 for a wake-up without work.
@@ -79,6 +85,7 @@ class RequestRing {
   Queue<SoundServiceRequest> queue_;  // guarded by queueMutex_
   std::atomic<int32_t> requestId_{0};
   std::atomic<bool> testIOonly_{false};
+  std::atomic<int> hookOverruns_{0};
 };
 
 }  // namespace korvo

@@ -115,7 +115,6 @@ class EngineFixture : public ::testing::Test {
     engine->setSoundsDir((sourceDir() / "sounds").string());
     engine->setTransientSettingsFile((dir.path() / "va.ini").string());
     engine->setAnnounceSoundSet(false);
-    engine->setPromptPollMillis(2);
     engine->setOnsetObserver(&OnsetLog::observe, &onsets);
     ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
   }
@@ -156,20 +155,31 @@ class EngineFixture : public ::testing::Test {
     return waitFor([&] { return !engine->isSamplePlaying(id); });
   }
 
-  // RMS of the captured left channel over [frame, frame + frames).
+  // Every queued prompt has played.
+  bool waitPromptsIdle() {
+    return waitFor([&] { return engine->prompts().idle(); });
+  }
+
+  // RMS of the captured left channel over [frame, frame + frames) of the frame counter.
+  // The first call waits until those frames are mixed, then closes the device so the
+  // file is complete: the disk driver writes silence before the mixer first runs, and
+  // the file's frames beyond the counted ones are that lead-in.
   double capturedRms(uint64_t frame, uint64_t frames) {
-    // The disk driver writes through a stdio buffer: wait until the range is on disk.
-    const uint64_t need = (frame + frames) * 4 + 65536;
-    waitFor([&] {
-      std::error_code ec;
-      return engine->framesMixed() > frame + frames + 4096 && std::filesystem::file_size(rawPath, ec) >= need;
-    });
+    if (engine->enableAudio()) {
+      const bool mixed = waitFor([&] { return engine->framesMixed() > frame + frames + 4096; });
+      EXPECT_TRUE(mixed) << "frames " << frame << "+" << frames << " never mixed";
+      engine->soundShutdown();
+    }
+    std::error_code ec;
+    const uint64_t fileFrames = std::filesystem::file_size(rawPath, ec) / 4;
+    const uint64_t leadIn = fileFrames > engine->framesMixed() ? fileFrames - engine->framesMixed() : 0;
     std::ifstream in(rawPath, std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(frame * 4));
+    in.seekg(static_cast<std::streamoff>((leadIn + frame) * 4));
     std::vector<int16_t> buf(frames * 2);
     in.read(reinterpret_cast<char*>(buf.data()), static_cast<std::streamsize>(buf.size() * 2));
     double sum = 0;
     const std::size_t got = static_cast<std::size_t>(in.gcount()) / 4;
+    EXPECT_EQ(frames, got) << "the capture ends before frame " << frame + frames;
     for (std::size_t i = 0; i < got; i++) sum += static_cast<double>(buf[i * 2]) * buf[i * 2];
     return got ? std::sqrt(sum / static_cast<double>(got)) : 0.0;
   }

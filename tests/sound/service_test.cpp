@@ -71,6 +71,7 @@ TEST_F(ServiceThread, PlaysQueuedCommandsAtTheSampleVolumeAndEnds) {
 }
 
 TEST_F(ServiceThread, JingleEndResumesMusicOnlyWithoutDucking) {
+  settings.playMusicInLoops = 1;
   openWithSet("5");
   // Ducking on (the default type table has values below 100): music keeps playing.
   engine->handleSoundByType(1);
@@ -91,6 +92,23 @@ TEST_F(ServiceThread, JingleEndResumesMusicOnlyWithoutDucking) {
   drain();
   EXPECT_EQ(1, engine->musicIdPlaying());
   EXPECT_EQ(0, engine->pausedMusicId());
+}
+
+// A finished report that meets a full ring is dropped and counted on the audio thread,
+// which keeps the ring's pending requests; the service thread logs the count.
+TEST_F(ServiceThread, HookOverrunIsCountedAndLoggedByTheServiceThread) {
+  openWithSet();
+  drain();
+  for (int i = 0; i < RequestRing::kQueueSize - 1; i++) engine->ring().queuePut(engine->ring().buildRequest(DONE));
+  ASSERT_EQ(RequestRing::kQueueSize - 1, engine->ring().pending());
+  test::LogCapture cap;
+  engine->handleSoundByType(10);
+  ASSERT_TRUE(waitIdle(10));
+  EXPECT_EQ(RequestRing::kQueueSize - 1, engine->ring().pending());
+  EXPECT_FALSE(cap.contains("sound request ring"));  // nothing logged on the audio thread
+  engine->startSoundServiceThread();
+  EXPECT_TRUE(test::waitFor([&] { return cap.contains("sound request ring full: 1 reports of the audio thread lost"); }));
+  engine->stopSoundServiceThread();
 }
 
 }  // namespace

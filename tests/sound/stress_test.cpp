@@ -4,6 +4,7 @@
 #include <SDL2/SDL_thread.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -22,7 +23,7 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   openEngine("/dev/null", "0");
   Configuration cfg(settings);
   const std::string va = (dir.path() / "va.ini").string();
-  engine->hooks().writeSettings = [&] { cfg.writeSettings(va.c_str()); };
+  engine->hooks().writeSettings = [&](const std::vector<std::string>& extra) { cfg.writeSettings(va.c_str(), extra); };
   int luaCalls = 0;  // written by whichever thread runs the effects
   settings.luaEnabled = 1;
   engine->hooks().setLuaGlobal = [&](const char*, int) { luaCalls++; };
@@ -31,11 +32,15 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
   std::atomic<bool> stop{false};
   const unsigned ids[] = {1, 10, 11, 20, 30, 40, 77};
   std::vector<std::thread> threads;
-  // Runs `step(i)` for i = 0, 1, ... every `pause` until stopped.
+  std::array<std::atomic<int>, 4> rounds{};
+  // Runs `step(i)` for i = 0, 1, ... until stopped, pausing `pause` between steps so the
+  // threads interleave at their own paces.
   auto spawn = [&](std::chrono::microseconds pause, std::function<void(int)> step) {
-    threads.emplace_back([&stop, pause, step] {
+    std::atomic<int>& done = rounds[threads.size()];
+    threads.emplace_back([&stop, &done, pause, step] {
       for (int i = 0; !stop; i++) {
         step(i);
+        done.fetch_add(1);
         std::this_thread::sleep_for(pause);
       }
       SDL_TLSCleanup();  // SDL's per-thread error state of threads it did not create
@@ -60,9 +65,12 @@ TEST_F(Stress, BusHttpSwitchesAndVolumeAtOnce) {
     engine->adjustVolume(1);
     engine->dumpWhatsPlaying();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  // Every thread has run a fair number of rounds against the others (HTTP and the main
+  // loop are the slow ones: each volume change writes va.ini).
+  const bool ran = test::waitFor([&] { return rounds[0] >= 500 && rounds[1] >= 25 && rounds[2] >= 40 && rounds[3] >= 25; }, 60000);
   stop = true;
   for (auto& t : threads) t.join();
+  ASSERT_TRUE(ran);
   engine->stopSoundServiceThread();
   EXPECT_GT(luaCalls, 0);
   engine->stopAllSamples();
