@@ -90,7 +90,7 @@ void Korvo::writeConversions(int setCount) {
   if (opt_.xsndFile.empty() && opt_.csvFile.empty()) return;
   auto lock = engine_->lock();
   // Writing an empty index would replace a good container or table with an empty one.
-  if (setCount <= 0 || engine_->index().samplesMap.mapSize() == 0) {
+  if (setCount <= 0 || engine_->index().samplesMap().mapSize() == 0) {
     LOG(LEVEL_ERROR, "no sound set loaded: nothing to convert, %s not written",
         !opt_.xsndFile.empty() ? opt_.xsndFile.c_str() : opt_.csvFile.c_str());
     return;
