@@ -60,6 +60,10 @@ class PathResolver {
   // The file of row `line` of `table`, or false when the row is to be skipped (a WARN
   // line names the table and the line). A missing file is reported once and kept.
   bool rowFile(const std::string& table, std::size_t line, std::string_view fname, std::string& file) {
+    if (trim(fname).empty()) {
+      LOG(LEVEL_WARN, "%s:%zu: skipping row without FNAME", table.c_str(), line);
+      return false;
+    }
     switch (resolve(fname, file)) {
       case OUTSIDE:
         LOG(LEVEL_WARN, "%s:%zu: skipping row with bad file name '%.*s'", table.c_str(), line,
@@ -407,10 +411,6 @@ int readSamplesFromCsv(SampleIndex& index, const std::string& setDir) {
     }
     std::string fname = t.field(f, C_FNAME);
     std::string file;
-    if (fname.empty()) {
-      LOG(LEVEL_WARN, "%s:%zu: skipping row without FNAME", path.c_str(), i + 1);
-      continue;
-    }
     if (!resolver.rowFile(path, i + 1, fname, file)) continue;
     AudioSample*& rec = byId[id];
     if (rec == nullptr) {

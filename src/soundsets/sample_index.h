@@ -139,7 +139,7 @@ class SampleIndex {
   // nothing to do, 1 unknown sound or failed copy.
   int moveSoundToGroup(unsigned id, int type);
 
- // One line of a set configuration file, applied to the values being read (the
+  // One line of a set configuration file, applied to the values being read (the
   // fuzzer drives this). 1 when a key was taken, 0 when nothing matched, -1 when a
   // known key carried an invalid value (WARN line, value ignored).
   int applySetConfigLine(std::string_view line, const char* fileName);

@@ -37,7 +37,7 @@ Sint64 rwCompSize(SDL_RWops* ctx) {
 
 Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   CompCtx* c = compCtx(ctx);
-  if (c == nullptr || c->f.get() == nullptr) return -1;
+  if (c == nullptr || !c->f) return -1;
   LOG(LEVEL_TRACE, "comp seek 0x%x. offset: %lld, whence: %d", ptrWord(ctx), static_cast<long long>(offset), whence);
   const int64_t start = c->fileChunk.offset;
   const int64_t size = c->fileChunk.size;
@@ -74,7 +74,7 @@ Sint64 rwCompSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
 
 size_t rwCompRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   CompCtx* c = compCtx(ctx);
-  if (c == nullptr || c->f.get() == nullptr || size == 0 || maxnum == 0) return 0;
+  if (c == nullptr || !c->f || size == 0 || maxnum == 0) return 0;
   const int64_t extent = c->fileChunk.size;
   uint64_t toRead = 0;
   if (__builtin_mul_overflow(static_cast<uint64_t>(size), static_cast<uint64_t>(maxnum), &toRead)) toRead = UINT64_MAX;
@@ -120,7 +120,7 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
   if (rw == nullptr) return nullptr;
   auto* c = new CompCtx();
   c->f.reset(fopen(path, "rb"));
-  if (c->f.get() == nullptr) LOG(LEVEL_ERROR, "could not open container '%s'", path);
+  if (!c->f) LOG(LEVEL_ERROR, "could not open container '%s'", path);
   if (sample != nullptr && index >= 0 && static_cast<std::size_t>(index) < sample->filechunks.size()) {
     c->fileChunk = sample->filechunks[static_cast<std::size_t>(index)];
   } else {
@@ -128,7 +128,7 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
     LOG(LEVEL_ERROR, "no file chunk %d for sound %u", index, sample ? sample->id : 0u);
   }
   LOG(LEVEL_TRACE, "seeking to %u", c->fileChunk.offset);
-  if (c->f.get() && fseeko(c->f.get(), static_cast<off_t>(c->fileChunk.offset), SEEK_SET) != 0) LOG(LEVEL_ERROR, "seek failed");
+  if (c->f && fseeko(c->f.get(), static_cast<off_t>(c->fileChunk.offset), SEEK_SET) != 0) LOG(LEVEL_ERROR, "seek failed");
   rw->size = rwCompSize;
   rw->seek = rwCompSeek;
   rw->read = rwCompRead;
@@ -144,7 +144,7 @@ SDL_RWops* makeCompoundRW(const char* path, const AudioSample* sample, int index
 
 Sint64 rwZipSize(SDL_RWops* ctx) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->a.get() == nullptr || z->idx < 0) return 0;
+  if (z == nullptr || !z->a || z->idx < 0) return 0;
   zip_stat_t st;
   if (zip_stat_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0, &st) != 0 || !(st.valid & ZIP_STAT_SIZE)) return 0;
   return static_cast<Sint64>(st.size);
@@ -164,7 +164,7 @@ bool reopenZipEntry(ZipCtx* z) {
 
 Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->f.get() == nullptr) return -1;
+  if (z == nullptr || !z->f) return -1;
   const int64_t size = rwZipSize(ctx);
   int64_t target = whence == RW_SEEK_CUR ? z->pos + offset : whence == RW_SEEK_END ? size + offset : offset;
   if (target < 0 || target > size) return -1;
@@ -188,7 +188,7 @@ Sint64 rwZipSeek(SDL_RWops* ctx, Sint64 offset, int whence) {
 
 size_t rwZipRead(SDL_RWops* ctx, void* ptr, size_t size, size_t maxnum) {
   ZipCtx* z = zipCtx(ctx);
-  if (z == nullptr || z->f.get() == nullptr || size == 0) return 0;
+  if (z == nullptr || !z->f || size == 0) return 0;
   zip_uint64_t want = 0;
   if (__builtin_mul_overflow(static_cast<zip_uint64_t>(size), static_cast<zip_uint64_t>(maxnum), &want)) return 0;
   zip_int64_t got = zip_fread(z->f.get(), ptr, want);
@@ -218,7 +218,7 @@ SDL_RWops* makeZipRW(const char* zipPath, const AudioSample* sample, int index) 
   const char* entry = (sample != nullptr && index >= 0 && static_cast<std::size_t>(index) < sample->samples.size())
                           ? sample->samples[static_cast<std::size_t>(index)].c_str()
                           : "";
-  if (z->a.get() != nullptr) {
+  if (z->a) {
     z->idx = zip_name_locate(z->a.get(), entry, 0);
     if (z->idx >= 0) z->f.reset(zip_fopen_index(z->a.get(), static_cast<zip_uint64_t>(z->idx), 0));
     zip_stat_t st;
@@ -228,7 +228,7 @@ SDL_RWops* makeZipRW(const char* zipPath, const AudioSample* sample, int index) 
                 (st.valid & ZIP_STAT_COMP_METHOD) && st.comp_method == ZIP_CM_STORE &&
                 (!(st.valid & ZIP_STAT_ENCRYPTION_METHOD) || st.encryption_method == ZIP_EM_NONE);
   }
-  if (z->f.get() == nullptr) LOG(LEVEL_ERROR, "could not find zip entry %s", entry);
+  if (!z->f) LOG(LEVEL_ERROR, "could not find zip entry %s", entry);
   rw->size = rwZipSize;
   rw->seek = rwZipSeek;
   rw->read = rwZipRead;

@@ -10,8 +10,9 @@
 
 namespace korvo {
 
-// Result codes of `unzip`. Whatever the code, a failed unpack leaves nothing behind:
-// the target is as it was before the call.
+// Result codes of `unzip`. Whatever the code, a failed unpack leaves nothing of the
+// archive behind: the target holds what it held before the call (only missing parent
+// directories of a missing target may have been made).
 enum UnzipResult : int {
   UNZIP_OK = 0,              // every entry is in place
   UNZIP_ARCHIVE = 1,         // the archive cannot be opened or closed (not a zip, damaged directory)
