@@ -1,5 +1,6 @@
 // From the pins to the engine: the capture feeds the protocol handlers, which post
 // volume changes, sound commands and stops, and count the volume-zero gesture.
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include "bus/session_recorder.h"
@@ -119,6 +120,10 @@ TEST_F(CaptureIntoEngine, DemoSessionPlaysOnTheDemoSet) {
   }
   for (unsigned id : {10u, 11u, 12u, 13u, 14u, 20u, 21u, 22u, 30u, 40u})
     ASSERT_TRUE(waitFor([&] { return !onsets.get(id).empty(); })) << "id " << id;
+  // The first capture read closes the device: every onset read below must be mixed by then.
+  uint64_t lastOnset = 0;
+  for (unsigned id : {10u, 13u, 20u, 21u, 30u, 40u}) lastOnset = std::max(lastOnset, onsets.get(id)[0]);
+  ASSERT_TRUE(waitFor([&] { return engine->framesMixed() > lastOnset + 8192 + 4096; }));
   for (unsigned id : {10u, 13u, 20u, 21u, 30u, 40u}) {  // one of each kind, heard from its onset
     const uint64_t onset = onsets.get(id)[0];
     EXPECT_GT(capturedRms(onset, 8192), 50.0)
