@@ -65,6 +65,8 @@ void initSettings(Settings* s) {
   s->dspLedIndicator = 1;
   s->enable_eventsrv = 1;
   s->dataeast_volume_range = 400;
+  s->httpPassword.clear();
+  s->updateServer = "http://update.veltaudio.com";
 }
 
 // ---- catalogue entries ----
@@ -102,6 +104,11 @@ SettingsMap entry(SettingType type, const char* name, SettingsMap::Target target
   e.values = std::move(values);
   e.labels = std::move(labels);
   return e;
+}
+
+// What a log line shows of a value: never the web password.
+const char* shownValue(const SettingsMap& e, const std::string& value) {
+  return e.name == "http_password" ? (value.empty() ? "" : "(set)") : value.c_str();
 }
 
 int valueFor(const char* line, const SettingsMap& e, char sep, int* intValue, std::string* strValue,
@@ -156,7 +163,7 @@ int readConfig(const char* base, const char* name, const SettingsCatalogue& map)
       switch (e.type) {
         case STRING:
           e.setString(sv);
-          LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), sv.c_str());
+          LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), shownValue(e, sv));
           break;
         case BOOL:
           e.setInt(iv != 0 ? 1 : 0);
@@ -196,7 +203,7 @@ void dumpConfig(const SettingsCatalogue& map, const Settings& s) {
   for (const SettingsMap& e : map) {
     if (e.name.empty() || e.type == GROUP) continue;
     if (e.type == STRING)
-      LOG(LEVEL_DEBUG, "%s = %s", e.name.c_str(), e.stringValue().c_str());
+      LOG(LEVEL_DEBUG, "%s = %s", e.name.c_str(), shownValue(e, e.stringValue()));
     else
       LOG(LEVEL_DEBUG, "%s = %d", e.name.c_str(), e.intValue());
   }
@@ -235,6 +242,8 @@ Configuration::Configuration(Settings& s) : settings_(s) {
             {"DATAEAST", "WPC", "WPCDCS", "DATAEAST*", "WHITESTAR", "WHITESTAR*"}),
       entry(BOOL, "enable_lua", &t.luaEnabled),
       entry(BOOL, "enable_eventsrv", &t.enable_eventsrv),
+      entry(STRING, "http_password", &t.httpPassword),
+      entry(STRING, "update_server", &t.updateServer),
       entry(GROUP, "Shaker / Serial Settings"),
       entry(BOOL, "shaker_active_low", &t.shakerActiveLow),
       entry(BOOL, "shaker_enabled", &t.shakerEnabled),
