@@ -53,10 +53,11 @@ bool beginUpload(ConnectionInfo& ci, const std::string& dir, const char* clientN
     decide(ci, false, "File name not valid.");
     return false;
   }
+  // The header itself, not the record's 32-bit copy: a claim beyond 4 GB must not wrap.
+  const unsigned long long length = ci.connection ? getContentLen(ci.connection) : ci.contentLength;
   const long long space = freeSpaceOf(dir);
-  if (space >= 0 && static_cast<long long>(ci.contentLength) > space) {
-    LOG(LEVEL_ERROR, "upload of %u bytes does not fit into %s (%lld bytes free)", ci.contentLength, dir.c_str(),
-        space);
+  if (space >= 0 && length > static_cast<unsigned long long>(space)) {
+    LOG(LEVEL_ERROR, "upload of %llu bytes does not fit into %s (%lld bytes free)", length, dir.c_str(), space);
     decide(ci, false, "Not enough free space for the upload.");
     return false;
   }
