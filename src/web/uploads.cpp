@@ -99,7 +99,8 @@ bool collectNewSets(const fs::path& staging, const fs::path& base, std::vector<s
   std::error_code ec;
   for (const auto& e : fs::directory_iterator(staging, ec)) {
     const std::string name = e.path().filename().string();
-    if (fs::exists(fs::symlink_status(base / name, ec))) {
+    std::error_code missing;  // set for a name that is free
+    if (fs::exists(fs::symlink_status(base / name, missing))) {
       clash = name;
       return false;
     }
