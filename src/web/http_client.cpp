@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <memory>
 
 #include "base/handles.h"
 #include "base/log.h"
@@ -65,7 +64,7 @@ int connectTo(const URL& url, Fd& sock) {
   addrinfo* found = nullptr;
   const std::string port = std::to_string(url.port());
   if (getaddrinfo(url.hostName().c_str(), port.c_str(), &hints, &found) != 0 || !found) return HTTP_UNKNOWN_HOST;
-  std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
+  const Handle<addrinfo, ::freeaddrinfo> owned(found);
   sock.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!sock) return HTTP_SOCKET;
   timeval tv{kHttpIoTimeoutSeconds, 0};

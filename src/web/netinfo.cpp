@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 #include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "base/stringutil.h"
 #include "web/net_tools.h"
@@ -116,7 +116,7 @@ std::vector<NetworkInterface> queryNetworks() {
     LOG(LEVEL_ERROR, "cannot list network interfaces: %s", strerror(errno));
     return out;
   }
-  std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owned(list, freeifaddrs);
+  const Handle<ifaddrs, ::freeifaddrs> owned(list);
   for (ifaddrs* a = list; a; a = a->ifa_next) {
     auto it = std::find_if(out.begin(), out.end(), [&](const auto& n) { return n.name == a->ifa_name; });
     if (it == out.end()) {

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <sodium.h>
-#include <sys/mman.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -56,24 +56,25 @@ bool verifyFileSignature(const std::string& path, const Signature& signature, co
     LOG(LEVEL_ERROR, "libsodium did not initialise");
     return false;
   }
+  // Ed25519 signs the whole message at once: the archive is read in one piece, sized
+  // up front so it is held only once.
   Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat st{};
-  if (!fd || fstat(fd.get(), &st) != 0) {
+  std::string data;
+  if (fd && fstat(fd.get(), &st) == 0) data.resize(static_cast<std::size_t>(st.st_size));
+  std::size_t got = 0;
+  while (fd && got < data.size()) {
+    ssize_t n = ::read(fd.get(), data.data() + got, data.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  if (!fd || got != data.size()) {
     LOG(LEVEL_ERROR, "cannot read %s: %s", path.c_str(), strerror(errno));
     return false;
   }
-  const auto size = static_cast<std::size_t>(st.st_size);
-  if (size == 0) return crypto_sign_verify_detached(signature.data(), nullptr, 0, key.data()) == 0;
-  // Mapped, not read: an update archive can be larger than the memory we want to hold.
-  void* data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
-  if (data == MAP_FAILED) {
-    LOG(LEVEL_ERROR, "cannot map %s: %s", path.c_str(), strerror(errno));
-    return false;
-  }
-  const bool ok = crypto_sign_verify_detached(signature.data(), static_cast<const unsigned char*>(data), size,
-                                              key.data()) == 0;
-  munmap(data, size);
-  return ok;
+  return crypto_sign_verify_detached(signature.data(), reinterpret_cast<const unsigned char*>(data.data()),
+                                     data.size(), key.data()) == 0;
 }
 
 }  // namespace korvo
