@@ -26,6 +26,8 @@ const char* const connectionTypeNames[kConnTypeCount] = {
 namespace {
 
 constexpr char kEmptyMarker[] = "(empty)";
+// The per-request context of a request that is answered on its next call.
+char kAnswerNext;
 constexpr int kMaxZeroCalls = 5;
 
 // The context of the service whose callback runs on this thread (each service has its
@@ -158,6 +160,10 @@ void HttpService::requestCompletedCb(void* cls, MHD_Connection*, void** conCls, 
 }
 
 void HttpService::requestCompleted(void** conCls) {
+  if (*conCls == &kAnswerNext) {
+    *conCls = nullptr;
+    return;
+  }
   std::unique_ptr<ConnectionInfo> ci(static_cast<ConnectionInfo*>(*conCls));
   *conCls = nullptr;
   if (!ci || ci->connectiontype == GET_REQ) return;
@@ -181,6 +187,17 @@ bool HttpService::authorized(MHD_Connection* connection, const char* url) const 
 MHD_Result HttpService::dispatch(MHD_Connection* connection, const char* url, const char* method,
                                  const char* version, const char* uploadData, size_t* uploadDataSize,
                                  void** conCls) {
+  if (*conCls == &kAnswerNext) {
+    // A body nobody asked for is read and dropped, so the connection stays usable.
+    if (*uploadDataSize > 0) {
+      *uploadDataSize = 0;
+      return MHD_YES;
+    }
+    return route(connection, url, method);
+  }
+  if (*conCls)
+    return handleContextRequests(connection, *static_cast<ConnectionInfo*>(*conCls), uploadData, uploadDataSize);
+
   const char* contentType = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
   if (strcmp(method, MHD_HTTP_METHOD_GET) == 0)
     LOG(LEVEL_DEBUG, "url: %s, method: %s, version: %s, connCtx: %p", url, method, version, *conCls);
@@ -189,13 +206,21 @@ MHD_Result HttpService::dispatch(MHD_Connection* connection, const char* url, co
         url, method, version, contentType ? contentType : "", static_cast<const void*>(uploadData),
         *uploadDataSize, *conCls);
   if (!routes_.inited()) routes_.initRequestHandlerMappings();
-  if (*conCls)
-    return handleContextRequests(connection, *static_cast<ConnectionInfo*>(*conCls), uploadData, uploadDataSize);
-  return route(connection, url, method, conCls);
+  if (hasControlByte(url)) return error400(connection, url);
+  if (strcmp(method, MHD_HTTP_METHOD_POST) == 0) {
+    const RequestHandlerMapping* row = routes_.find(url, method);
+    if (row && row->type == POSTCB) {
+      if (!authorized(connection, url)) return sendAuthRequired(connection);
+      return initPostProcessor(connection, conCls, url, row->postCallback, row->connType);
+    }
+  }
+  // libmicrohttpd closes the connection after an answer queued on this first call;
+  // answering on the next one keeps it alive for the browser's following requests.
+  *conCls = &kAnswerNext;
+  return MHD_YES;
 }
 
-MHD_Result HttpService::route(MHD_Connection* connection, const char* url, const char* method, void** conCls) {
-  if (hasControlByte(url)) return error400(connection, url);
+MHD_Result HttpService::route(MHD_Connection* connection, const char* url, const char* method) {
   const RequestHandlerMapping* row = routes_.find(url, method);
   // The static UI stays open so a browser can show its password prompt.
   if (row && row->simple != handleIndexRequest && !authorized(connection, url)) return sendAuthRequired(connection);
@@ -203,7 +228,6 @@ MHD_Result HttpService::route(MHD_Connection* connection, const char* url, const
     char buffer[kWorkBufferSize] = {};
     return row->simple(connection, url, buffer);
   }
-  if (row && row->type == POSTCB) return initPostProcessor(connection, conCls, url, row->postCallback, row->connType);
   if (strstr(url, "..")) return error400(connection, url);
   if (*url == '\0') return sendRedirect(connection, "/");
   return serveStatic(connection, url);

@@ -58,7 +58,7 @@ class HttpService {
  private:
   enum MHD_Result dispatch(struct MHD_Connection* connection, const char* url, const char* method,
                            const char* version, const char* uploadData, size_t* uploadDataSize, void** conCls);
-  enum MHD_Result route(struct MHD_Connection* connection, const char* url, const char* method, void** conCls);
+  enum MHD_Result route(struct MHD_Connection* connection, const char* url, const char* method);
   enum MHD_Result initPostProcessor(struct MHD_Connection* connection, void** conCls, const char* url,
                                     PostCallbackHandler callback, ConnType connType);
   enum MHD_Result handleContextRequests(struct MHD_Connection* connection, ConnectionInfo& ci,
