@@ -1,5 +1,6 @@
 #include "web/httpservice.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -146,6 +147,13 @@ MHD_Result HttpService::requestHandler(void* cls, MHD_Connection* connection, co
                                        void** conCls) {
   auto* self = static_cast<HttpService*>(cls);
   tlsContext = &self->ctx_;
+  // The sound service and the interrupt threads must win the CPU over a busy web
+  // page; libmicrohttpd offers no hook at thread start, so the thread lowers itself.
+  thread_local bool lowered = false;
+  if (!lowered) {
+    lowered = true;
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kHttpThreadNice);
+  }
   MHD_Result r = MHD_NO;
   runGuarded("http request", [&] {
     r = self->dispatch(connection, url, method, version, uploadData, uploadDataSize, conCls);
