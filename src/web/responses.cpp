@@ -54,6 +54,7 @@ MHD_Result sendResult(MHD_Connection* connection, char* buffer, const char* resu
                       va_list ap) {
   char message[kWorkBufferSize];
   vsnprintf(message, sizeof message, format, ap);
+  if (strcmp(result, "error") == 0) LOG(LEVEL_WARN, "request refused: %s", message);
   const std::string body =
       std::string("{  \"result\": \"") + result + "\", \"message\": \"" + message + "\" }";
   // Handlers may look at the answer in their work buffer afterwards.
@@ -172,14 +173,18 @@ std::string escape(std::string_view text) {
   out.reserve(std::min(text.size() + 16, kEscapeMax));
   for (char c : text) {
     const char* rep = nullptr;
-    char plain[2] = {c, 0};
+    char plain[8] = {c, 0};
     switch (c) {
       case '\r':
       case '\n': rep = " "; break;
       case '\t': rep = "\\t"; break;
       case '"': rep = "\\\""; break;
       case '\\': rep = "\\\\"; break;
-      default: rep = plain; break;
+      default:
+        // Other control bytes (terminal colours in a log line) would make the JSON invalid.
+        if (static_cast<unsigned char>(c) < 0x20) snprintf(plain, sizeof plain, "\\u%04x", static_cast<unsigned>(c));
+        rep = plain;
+        break;
     }
     if (out.size() + strlen(rep) > kEscapeMax) break;
     out += rep;

@@ -69,6 +69,16 @@ TEST_F(Server, RoutesInTableOrderAndByMethod) {
   }
 }
 
+TEST_F(Server, ConnectionsStayOpenBetweenRequests) {
+  start();
+  EXPECT_EQ(get("/version").newConnections, 1);
+  for (const char* path : {"/volume", "/", "/app.js", "/nothing", "/sounds/999"}) {
+    test::Reply r = get(path);
+    EXPECT_EQ(r.newConnections, 0) << path;
+    EXPECT_FALSE(r.hasHeader("Connection: close")) << path;
+  }
+}
+
 TEST_F(Server, PostWithoutContentLengthIsRefused) {
   start();
   test::LogCapture log;
@@ -110,6 +120,7 @@ TEST(Responses, HelpersKeepTheirTexts) {
   EXPECT_STREQ(mime("x.PNG"), "application/octet-stream");
   EXPECT_STREQ(mime("README"), "application/octet-stream");
   EXPECT_EQ(escape("a\"b\\c\td\r\ne"), "a\\\"b\\\\c\\td  e");
+  EXPECT_EQ(escape("\x1b[1m"), "\\u001b[1m");
   EXPECT_EQ(escape(std::string(2000, 'x')).size(), 1024u);
   EXPECT_EQ(escape(std::string(1023, 'x') + "\"").size(), 1023u);  // an escape is never split
   EXPECT_TRUE(isContentType("multipart/form-data", "multipart/form-data; boundary=x"));

@@ -34,6 +34,7 @@ using CurlList = Handle<curl_slist, curl_slist_free_all>;
 struct Reply {
   CURLcode code = CURLE_OK;
   long status = 0;
+  long newConnections = 0;  // connections curl opened for this request
   std::string body;
   std::string headers;  // the raw header lines
   bool hasHeader(const std::string& line) const { return headers.find(line + "\r\n") != std::string::npos; }
@@ -88,6 +89,7 @@ class Client {
     }
     out.code = curl_easy_perform(c);
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &out.status);
+    curl_easy_getinfo(c, CURLINFO_NUM_CONNECTS, &out.newConnections);
     return out;
   }
 
