@@ -141,7 +141,11 @@ MHD_Result updateSoundPostCallback(void* cls, MHD_ValueKind kind, const char* ke
   if (!key || !data) return MHD_YES;
   int id = 0;
   const SoundUpdate* update = updateFor(ci.connectiontype);
-  if (sscanf(ci.url.c_str(), "/sounds/%d/", &id) != 1 || !update) return MHD_NO;
+  if (!update) return MHD_NO;
+  if (sscanf(ci.url.c_str(), "/sounds/%d/", &id) != 1) {
+    LOG(LEVEL_ERROR, "no sound id in %s", ci.url.c_str());
+    return decide(ci, false, "no sound id given");
+  }
   LOG(LEVEL_DEBUG, "POST req count %d, size %lu", ci.count, static_cast<unsigned long>(size));
   const std::string text(data, size);
   const char* value = text == kEmptyValue ? nullptr : text.c_str();

@@ -178,6 +178,7 @@ TEST_F(UploadsTest, SingleFieldUpdatesOfOneSound) {
   EXPECT_EQ(postFields("/sounds/999/preload", "value=1"), postErr("could not set preload"));
   EXPECT_EQ(postFields("/sounds/999/type", "value=2"), postErr("something went wrong"));
   EXPECT_EQ(postFields("/sounds/999/gain", "value=2"), postOk("gain updated"));
+  EXPECT_EQ(postFields("/sounds//gain", "value=2"), postErr("no sound id given"));
 }
 
 TEST_F(UploadsTest, DroppedUploadIsRemoved) {
