@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <SDL2/SDL_thread.h>
+
 #include <cctype>
 #include <cstring>
 #include <memory>
@@ -73,6 +75,15 @@ MHD_Result postIterator(void* cls, MHD_ValueKind kind, const char* key, const ch
   }
   return r;
 }
+
+// Set-up and clean-up of libmicrohttpd's thread, which offers no hooks of its own: made
+// on the first request the thread handles, destroyed when the thread ends.
+struct HttpThreadState {
+  // The sound service and the interrupt threads must win the CPU over a busy web page.
+  HttpThreadState() { setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), HttpService::kHttpThreadNice); }
+  // SDL keeps error state for every thread that calls into it through the engine.
+  ~HttpThreadState() { SDL_TLSCleanup(); }
+};
 
 // Constant-time compare, so the answer time tells nothing about the password.
 bool sameSecret(const char* given, const std::string& expected) {
@@ -147,13 +158,8 @@ MHD_Result HttpService::requestHandler(void* cls, MHD_Connection* connection, co
                                        void** conCls) {
   auto* self = static_cast<HttpService*>(cls);
   tlsContext = &self->ctx_;
-  // The sound service and the interrupt threads must win the CPU over a busy web
-  // page; libmicrohttpd offers no hook at thread start, so the thread lowers itself.
-  thread_local bool lowered = false;
-  if (!lowered) {
-    lowered = true;
-    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kHttpThreadNice);
-  }
+  thread_local HttpThreadState threadState;
+  (void)threadState;
   MHD_Result r = MHD_NO;
   runGuarded("http request", [&] {
     r = self->dispatch(connection, url, method, version, uploadData, uploadDataSize, conCls);
