@@ -11,6 +11,8 @@ PACKAGES=(
   libprotobuf-c-dev protobuf-c-compiler
   liblua5.2-dev libmicrohttpd-dev libdbus-1-dev libxml2-dev
   libasound2-dev libgpiod-dev
+  # signature check of firmware updates
+  libsodium-dev
   # tests, benchmarks and fuzzing
   libgtest-dev libgmock-dev libbenchmark-dev libcurl4-openssl-dev
   protobuf-compiler dbus clang

@@ -23,6 +23,7 @@ namespace korvo {
 Korvo::Korvo() = default;
 
 Korvo::~Korvo() {
+  if (http_) http_->stopHttpService();
   if (bus_) bus_->shutdown();
   if (engine_) engine_->soundShutdown();
   Log::instance().closeLogFile();
@@ -84,6 +85,26 @@ void Korvo::createSoundEngine() {
   h.suppressNotFound = [handlers](int id) { return handlers->suppressNotFound(id) != 0; };
   h.gpio = gpio_.get();
   engine_->index().hooks().captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
+}
+
+void Korvo::startWebService(const char* argv0) {
+  webContext_ = std::make_unique<WebContext>(*engine_);
+  WebContext& w = *webContext_;
+  Bus* bus = bus_.get();
+  w.recorder = &bus->recorder();
+  w.configuration = &config_;
+  w.getNumberOfPorts = [] { return PortStates::getNumberOfPorts(); };
+  w.getPortStates = [bus] { return bus->pincom().portStates().getPortStates(); };
+  w.setPortExtenderPin = [bus](int pin, bool on) { bus->setPortExtenderPin(pin, on ? 1 : 0); };
+  w.baseDir = opt_.baseDir;
+  w.transientSettingsFile = engine_->transientSettingsFile();
+  w.stopMainLoop = [this](int delayMs, int code) { loop_.stopMainLoop(delayMs, code); };
+  w.updateServer = settings.updateServer;
+  w.httpPassword = settings.httpPassword;
+  http_ = std::make_unique<HttpService>(w);
+  // Without a log file the web service offers the base directory, as it always has.
+  const std::string& logFile = opt_.logFileName.empty() ? opt_.baseDir : opt_.logFileName;
+  if (http_->startHttpService(logFile, argv0, opt_.httpPort) != 0) http_.reset();
 }
 
 void Korvo::writeConversions(int setCount) {
@@ -199,7 +220,7 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
   startSoundEngine();
   startCapture();
   if (opt_.enableAudio) engine_->startSoundServiceThread();
-  if (opt_.enableHttpService) LOG(LEVEL_WARN, "the HTTP service is not part of this build yet, -H ignored");
+  if (opt_.enableHttpService) startWebService(argv[0]);
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
   LOG(LEVEL_INFO, "start-up done, entering the main loop");
   return -1;
@@ -228,6 +249,8 @@ void Korvo::runMainLoop() {
 void Korvo::shutdown() {
   LOG(LEVEL_INFO, "shutting down");
   if (terminalRaw_) reset_terminal_mode();
+  // The web service first: its handlers reach into the bus and the engine.
+  if (http_) http_->stopHttpService();
   // Capture first: no interrupt may post to an engine that is shutting down.
   if (bus_) bus_->shutdown();
   if (engine_) engine_->soundShutdown();

@@ -15,6 +15,8 @@
 #include "platform/gpio.h"
 #include "sound/protocol_handlers.h"
 #include "sound/sdl_sound.h"
+#include "web/httpservice.h"
+#include "web/web_context.h"
 
 namespace korvo {
 
@@ -69,6 +71,8 @@ class Korvo {
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
   void createSoundEngine();
+  // Step 25 (-H): the web service on opt_.httpPort.
+  void startWebService(const char* argv0);
   // Start-up conversions of the loaded set: -K writes it as an xsnd container, -T
   // as an AltSound table. With no set loaded (`setCount` 0 or an empty index) nothing
   // is written.
@@ -89,6 +93,9 @@ class Korvo {
   std::unique_ptr<SoundEngineProtocolPort> protocolPort_;
   std::unique_ptr<ProtocolHandlers> handlers_;
   bool terminalRaw_ = false;
+  // Started last and stopped first: its handlers use the engine, the bus and the loop.
+  std::unique_ptr<WebContext> webContext_;
+  std::unique_ptr<HttpService> http_;
   std::unique_ptr<KeyboardConsole> console_;
   MainLoop loop_;
 };

@@ -73,6 +73,8 @@ void initSettings(Settings* s) {
   s->dspLedIndicator = 1;
   s->enable_eventsrv = 1;
   s->dataeast_volume_range = 400;
+  s->httpPassword.clear();
+  s->updateServer = "http://update.veltaudio.com";
 }
 
 // ---- catalogue entries ----
@@ -110,6 +112,11 @@ SettingsMap entry(SettingType type, const char* name, SettingsMap::Target target
   e.values = std::move(values);
   e.labels = std::move(labels);
   return e;
+}
+
+// What a log line shows of a value: never the web password.
+const char* shownValue(const SettingsMap& e, const std::string& value) {
+  return e.name == "http_password" ? (value.empty() ? "" : "(set)") : value.c_str();
 }
 
 int valueFor(const char* line, const SettingsMap& e, char sep, int* intValue, std::string* strValue,
@@ -239,7 +246,7 @@ void dumpConfig(const SettingsCatalogue& map, const Settings& s) {
   for (const SettingsMap& e : map) {
     if (e.name.empty() || e.type == GROUP) continue;
     if (e.type == STRING)
-      LOG(LEVEL_DEBUG, "%s = %s", e.name.c_str(), e.stringValue().c_str());
+      LOG(LEVEL_DEBUG, "%s = %s", e.name.c_str(), shownValue(e, e.stringValue()));
     else
       LOG(LEVEL_DEBUG, "%s = %d", e.name.c_str(), e.intValue());
   }
@@ -278,6 +285,8 @@ Configuration::Configuration(Settings& s) : settings_(s) {
             {"DATAEAST", "WPC", "WPCDCS", "DATAEAST*", "WHITESTAR", "WHITESTAR*"}),
       entry(BOOL, "enable_lua", &t.luaEnabled),
       entry(BOOL, "enable_eventsrv", &t.enable_eventsrv),
+      entry(STRING, "http_password", &t.httpPassword),
+      entry(STRING, "update_server", &t.updateServer),
       entry(GROUP, "Shaker / Serial Settings"),
       entry(BOOL, "shaker_active_low", &t.shakerActiveLow),
       entry(BOOL, "shaker_enabled", &t.shakerEnabled),

@@ -95,6 +95,8 @@ struct Settings {
   int dspLedIndicator = 0;
   int enable_eventsrv = 0;
   int dataeast_volume_range = 0;
+  std::string httpPassword;  // HTTP Basic password of the web API; empty = open. Never logged.
+  std::string updateServer;  // base URL of the firmware update server
 };
 
 // The process-wide record.
@@ -140,9 +142,9 @@ struct DspSetting {
 // The catalogues and the helper values that reading "mellosound.ini" goes through.
 class Configuration {
  public:
-  // The master catalogue has 54 slots: 37 built in, 17 free for the DSP, one of which
+  // The master catalogue has 56 slots: 39 built in, 17 free for the DSP, one of which
   // always stays free as the table's end.
-  static constexpr std::size_t kMasterCatalogueSlots = 54;
+  static constexpr std::size_t kMasterCatalogueSlots = 56;
   static constexpr int kMaxDspEntries = 15;
 
   explicit Configuration(Settings& s);
