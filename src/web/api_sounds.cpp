@@ -92,7 +92,7 @@ MHD_Result handleGetSounds(MHD_Connection* connection, const char* url, char*) {
   Joined items;
   {
     auto lock = engine().lock();
-    for (const auto& node : engine().index().samplesMap)
+    for (const auto& node : engine().index().samplesMap())
       if (node.value && node.value->type == type)
         items.add(strFormat("{ \"id\": %u,   \"name\": \"%s\" } ", node.value->id, escape(node.value->name).c_str()));
   }

@@ -29,7 +29,7 @@ enum MHD_Result sendTypeValue(MHD_Connection* connection, const char* url, char*
   {
     auto lock = engine().lock();
     const SampleIndex& index = engine().index();
-    value = gain ? index.gainByType[static_cast<std::size_t>(t)] : index.duckingByType[static_cast<std::size_t>(t)];
+    value = gain ? index.gainByType(t) : index.duckingByType(t);
   }
   snprintf(buffer, kWorkBufferSize, "{  \"type\": \"%d\", \"%s\": \"%d\" }", t, key, value);
   return sendJsonResponse(connection, buffer);

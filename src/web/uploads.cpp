@@ -219,7 +219,7 @@ std::string sampleDirectory(SoundEngine& engine, int id) {
   auto lock = engine.lock();
   AudioSample* s = engine.getSampleForId(id);
   if (!s) return {};
-  if (engine.index().setType != XSNDFILE) return s->basepath;
+  if (engine.index().setType() != XSNDFILE) return s->basepath;
   return fs::path(s->basepath).parent_path().string();
 }
 

@@ -147,7 +147,6 @@ class WebFixture : public ::testing::Test {
     engine->setSoundsDir((sourceDir() / "sounds").string());
     engine->setTransientSettingsFile((dir.path() / "va.ini").string());
     engine->setAnnounceSoundSet(false);
-    engine->setPromptPollMillis(2);
     ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
     ASSERT_EQ(2, engine->startSoundSets(base.string()));
     engine->startSoundServiceThread();
