@@ -6,6 +6,8 @@
 //
 //   bench_version_rps [requests per server and setting] [client threads]
 #include <microhttpd.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -35,6 +37,9 @@ std::string versionBody;  // what the web service answers, found before measurin
 MHD_Result minimalHandler(void*, MHD_Connection* c, const char*, const char*, const char*, const char*, size_t*,
                           void** ctx) {
   static char next;
+  // The same scheduling as the web service's thread, which lowers its own priority.
+  thread_local const int lowered = setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), HttpService::kHttpThreadNice);
+  (void)lowered;
   if (*ctx != &next) {
     *ctx = &next;
     return MHD_YES;
