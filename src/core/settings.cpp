@@ -170,7 +170,7 @@ void storeValue(const SettingsMap& e, int iv, const std::string& sv) {
   switch (e.type) {
     case STRING:
       e.setString(sv);
-      LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), sv.c_str());
+      LOG(LEVEL_DEBUG, "read value for %s = %s", e.name.c_str(), shownValue(e, sv));
       break;
     case BOOL:
       e.setInt(iv != 0 ? 1 : 0);
