@@ -31,6 +31,22 @@ bool appendConfig(ConnectionInfo& ci, std::string_view text) {
   return true;
 }
 
+// The page never receives the password (/config sends it empty), so an empty password
+// field in its form means "unchanged": the stored password is written back in its place.
+std::string withStoredPassword(std::string_view lines, const std::string& stored) {
+  std::string out;
+  while (!lines.empty()) {
+    const std::size_t end = lines.find('\n');
+    const std::string_view line = lines.substr(0, end == std::string_view::npos ? lines.size() : end + 1);
+    lines.remove_prefix(line.size());
+    if (line == "http_password=\n" || line == "http_password=")
+      out.append("http_password=" + stored + "\n");
+    else
+      out.append(line);
+  }
+  return out;
+}
+
 MHD_Result saveConfig(ConnectionInfo& ci) {
   LOG(LEVEL_INFO, "Processed: %d of Total: %d Keys -> update config", static_cast<int>(ci.processed), ci.noOfKeys);
   if (ci.processed == 0) {
@@ -38,9 +54,12 @@ MHD_Result saveConfig(ConnectionInfo& ci) {
     return decide(ci, false, "Config not valid.");
   }
   WebContext& ctx = contextOf(ci);
-  const std::string lines(configLines(ci));
+  const std::string lines = withStoredPassword(configLines(ci), ctx.httpPassword);
   if (!ctx.configuration || ctx.configuration->updateMasterConfig(ctx.baseDir.c_str(), lines) != 0)
     return decide(ci, false, "Config could not be saved.");
+  // The settings are read at start-up only: the daemon restarts to apply them, after the
+  // answer has had time to reach the page.
+  if (!ctx.srvBuild && ctx.stopMainLoop) ctx.stopMainLoop(2000, 1);
   return decide(ci, true, "Config updated. Please reload.");
 }
 

@@ -151,6 +151,16 @@ TEST_F(UploadsTest, RecordingIsReplayedWhenValid) {
 TEST_F(UploadsTest, ConfigurationFormIsWrittenAsOneBatch) {
   EXPECT_EQ(postFields("/config", "volume=50&soundset=2"), postOk("Config updated. Please reload."));
   EXPECT_EQ(readFile(base / "mellosound.ini"), "volume=50\nsoundset=2\n");
+  EXPECT_EQ(loop.exitCode(), 1);  // the saved settings take effect by a restart
+  EXPECT_NE(loop.stopAt(), 0u);
+  // The page never sees the password: its empty field leaves the stored one alone.
+  ctx->httpPassword = "s3cret";
+  Request save{"POST", "/config", "http_password=&volume=60", {"Content-Type: application/x-www-form-urlencoded"}};
+  save.userpwd = "admin:s3cret";
+  EXPECT_EQ(client->send(save).body, postOk("Config updated. Please reload."));
+  EXPECT_EQ(readFile(base / "mellosound.ini"), "http_password=s3cret\nvolume=60\n");
+  ctx->httpPassword.clear();
+  EXPECT_EQ(postFields("/config", "volume=50&soundset=2"), postOk("Config updated. Please reload."));
   // A key with '=' would smuggle in a setting of its own.
   EXPECT_EQ(postFields("/config", "lua%3D1%26x=50&volume=1"), postErr("Config not valid."));
   EXPECT_EQ(readFile(base / "mellosound.ini"), "volume=50\nsoundset=2\n");
