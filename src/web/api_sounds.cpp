@@ -51,6 +51,7 @@ MHD_Result handlePlayWithIndex(MHD_Connection* connection, const char* url, char
 MHD_Result handlePlayStop(MHD_Connection* connection, const char*, char* buffer) {
   engine().stopAllSamples();
   engine().fadeMusic(500);
+  engine().resetFadedMusic(0);
   return success(connection, buffer, "music stopped");
 }
 

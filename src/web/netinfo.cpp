@@ -281,7 +281,7 @@ MHD_Result handleSetWifi(MHD_Connection* connection, const char*, char* buffer) 
   const char* sid = argument(connection, "sid");
   const char* passphrase = argument(connection, "passphrase");
   const char* country = argument(connection, "country");
-  // At least 7 characters: the original check, kept (the standard's minimum is 8 and
+  // At least 7 characters: the long-standing check, kept (the standard's minimum is 8 and
   // wpa_passphrase refuses shorter ones, leaving the settings unchanged).
   if (isEmptyString(sid) || !passphrase || strlen(passphrase) < 7 || !country)
     return failed(connection, buffer, "Wifi passphrase to short or no SID. Please retry.");

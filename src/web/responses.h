@@ -42,7 +42,7 @@ std::string makeFailedAnswer(std::string_view message);
 enum MHD_Result error404(struct MHD_Connection* connection, std::string_view url);
 enum MHD_Result error400(struct MHD_Connection* connection, std::string_view url);
 enum MHD_Result error500(struct MHD_Connection* connection, std::string_view url);
-// "Redirect to <target>", header "Location", status 401 (kept from the original UI).
+// "Redirect to <target>", header "Location", status 401 (pages written for this API rely on it).
 enum MHD_Result sendRedirect(struct MHD_Connection* connection, const char* target);
 // 401 with "WWW-Authenticate: Basic realm=..." for a request without the password.
 enum MHD_Result sendAuthRequired(struct MHD_Connection* connection);
