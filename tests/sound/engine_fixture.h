@@ -148,6 +148,16 @@ class EngineFixture : public ::testing::Test {
     return n;
   }
 
+  // Takes every pending request and returns the ids of the SWITCH_SOUNDSET ones (the
+  // audio thread's reports of prompt and sample ends come at any time).
+  std::vector<int> takeSetSwitches() {
+    std::vector<int> ids;
+    SoundServiceRequest req;
+    while (engine->ring().queueGet(&req, 0) == 1)
+      if (req.type == SWITCH_SOUNDSET) ids.push_back(req.id);
+    return ids;
+  }
+
   // The main loop's call after `ms` more milliseconds of the manual clock.
   void tick(unsigned ms) {
     clock::advanceMillis(ms);
