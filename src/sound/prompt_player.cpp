@@ -1,5 +1,7 @@
 #include "sound/prompt_player.h"
 
+#include <SDL2/SDL_thread.h>
+
 #include <cstring>
 #include <set>
 
@@ -31,7 +33,11 @@ void PromptPlayer::startThread(RunLocked runLocked) {
     std::lock_guard lk(m_);
     stop_ = false;
   }
-  thread_ = korvo::startThread("SndPrompt", [this] { run(); });
+  thread_ = korvo::startThread("SndPrompt", [this] {
+    run();
+    // SDL keeps per-thread error state for threads it did not create.
+    SDL_TLSCleanup();
+  });
 }
 
 void PromptPlayer::stopThread() {
@@ -89,10 +95,15 @@ void PromptPlayer::advanceLocked() {
       if (queue_.empty()) break;
       next = std::move(queue_.front());
       queue_.pop_front();
+      // Current from here on: the player never looks idle between two prompts.
+      current_ = next.ticket;
+      currentPath_ = next.path;
     }
     if (startLocked(next)) return;
     std::lock_guard lk(m_);
     finished_ = next.ticket;
+    current_ = 0;
+    currentPath_.clear();
     cv_.notify_all();
   }
   if (onIdle_) onIdle_();
@@ -115,8 +126,6 @@ bool PromptPlayer::startLocked(const Item& item) {
   const auto length = std::chrono::milliseconds(static_cast<long>((seconds > 0 ? seconds : 10.0) * 1000));
   {
     std::lock_guard lk(m_);
-    current_ = item.ticket;
-    currentPath_ = item.path;
     deadline_ = std::chrono::steady_clock::now() + length + kEndGrace;
   }
   cv_.notify_all();

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -40,6 +41,14 @@ struct OnsetLog {
   std::vector<uint64_t> get(unsigned id) {
     std::lock_guard lk(m);
     return byId[id];
+  }
+  // The latest onset frame of any sample, 0 before the first.
+  uint64_t last() {
+    std::lock_guard lk(m);
+    uint64_t latest = 0;
+    for (const auto& [id, frames] : byId)
+      for (uint64_t f : frames) latest = std::max(latest, f);
+    return latest;
   }
 };
 
@@ -139,6 +148,16 @@ class EngineFixture : public ::testing::Test {
     return n;
   }
 
+  // Takes every pending request and returns the ids of the SWITCH_SOUNDSET ones (the
+  // audio thread's reports of prompt and sample ends come at any time).
+  std::vector<int> takeSetSwitches() {
+    std::vector<int> ids;
+    SoundServiceRequest req;
+    while (engine->ring().queueGet(&req, 0) == 1)
+      if (req.type == SWITCH_SOUNDSET) ids.push_back(req.id);
+    return ids;
+  }
+
   // The main loop's call after `ms` more milliseconds of the manual clock.
   void tick(unsigned ms) {
     clock::advanceMillis(ms);
@@ -161,12 +180,14 @@ class EngineFixture : public ::testing::Test {
   }
 
   // RMS of the captured left channel over [frame, frame + frames) of the frame counter.
-  // The first call waits until those frames are mixed, then closes the device so the
-  // file is complete: the disk driver writes silence before the mixer first runs, and
-  // the file's frames beyond the counted ones are that lead-in.
+  // The first call waits until those frames, and a second past every onset so far, are
+  // mixed, then closes the device so the file is complete: the disk driver writes
+  // silence before the mixer first runs, and the file's frames beyond the counted ones
+  // are that lead-in.
   double capturedRms(uint64_t frame, uint64_t frames) {
     if (engine->enableAudio()) {
-      const bool mixed = waitFor([&] { return engine->framesMixed() > frame + frames + 4096; });
+      const uint64_t until = std::max(frame + frames, onsets.last() + 44100) + 4096;
+      const bool mixed = waitFor([&] { return engine->framesMixed() > until; });
       EXPECT_TRUE(mixed) << "frames " << frame << "+" << frames << " never mixed";
       engine->soundShutdown();
     }
