@@ -7,8 +7,9 @@
 // player's thread "SndPrompt" starts each next prompt through `RunLocked` (the engine
 // mutex, taken only for the start, never held while a prompt plays). The player's own
 // mutex guards the queue and the tickets; it is innermost (engine mutex -> mixer lock ->
-// player mutex) and never held across a Mix_* call. `onStreamFinished` runs in the
-// music-finished hook on the audio thread.
+// player mutex) and never held across a Mix_* call. `onStreamFinished` runs on the
+// service thread when it takes the music-finished report off the ring (the hook on the
+// audio thread takes no lock); a lost report costs at most the prompt's deadline.
 #pragma once
 
 #include <chrono>
@@ -63,7 +64,7 @@ class PromptPlayer {
   bool idle() const;
   // Prompts queued behind the one that plays.
   int queued() const;
-  // The music-finished hook: the stream is free, the next prompt may start.
+  // The music stream has ended (service thread): the next prompt may start.
   void onStreamFinished();
 
   void startThread(RunLocked runLocked);

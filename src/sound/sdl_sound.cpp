@@ -90,7 +90,6 @@ void SoundEngine::onChannelFinished(int ch) {
 
 void SoundEngine::onMusicFinished() {
   music_.onStreamFinished();
-  prompts_.onStreamFinished();
   SoundServiceRequest req = ring_.buildRequest(MUSIC_FINISHED);
   req.id = 0;
   ring_.postFromHook(req);

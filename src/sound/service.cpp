@@ -150,6 +150,9 @@ void SoundEngine::doSoundService(const SoundServiceRequest& req) {
       break;
     }
     case MUSIC_FINISHED: {
+      // The stream is free: the next queued prompt may start. (The hook itself only
+      // posts; waking the prompt player would take a lock on the audio thread.)
+      prompts_.onStreamFinished();
       // The hook could not call into Lua from the audio thread; tell it now what plays.
       if (settings_.luaEnabled && hooks_.setLuaGlobal) {
         Lock lk(*this);
