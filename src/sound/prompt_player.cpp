@@ -2,6 +2,7 @@
 
 #include <SDL2/SDL_thread.h>
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -50,11 +51,20 @@ void PromptPlayer::stopThread() {
   thread_.join();
 }
 
+namespace {
+constexpr std::chrono::milliseconds kEndPoll{10};
+}  // namespace
+
 void PromptPlayer::run() {
   std::unique_lock lk(m_);
   while (!stop_) {
     if (current_ != 0 && music_.promptOnStream()) {
-      if (cv_.wait_until(lk, deadline_) == std::cv_status::timeout && current_ != 0 && music_.promptOnStream()) {
+      // The end of a prompt shows in the stream flag, which the audio thread's hook clears
+      // without taking any lock; the player looks at it every few milliseconds, and the
+      // service thread's report of the end wakes it at once.
+      const auto wake = std::min(deadline_, std::chrono::steady_clock::now() + kEndPoll);
+      if (cv_.wait_until(lk, wake) == std::cv_status::timeout && current_ != 0 && music_.promptOnStream() &&
+          std::chrono::steady_clock::now() >= deadline_) {
         const uint64_t stuck = current_;
         lk.unlock();
         runLocked_([this, stuck] { giveUpLocked(stuck); });
