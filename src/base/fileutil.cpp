@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "base/handles.h"
 #include "base/log.h"
@@ -66,6 +67,17 @@ int removeStaleTemporaries(const std::string& dir, int depth) {
     const std::string path = dir + "/" + name;
     struct stat st{};
     if (::lstat(path.c_str(), &st) != 0) continue;
+    // Staging directories (an unpacking archive) are hidden and named like the files.
+    if (S_ISDIR(st.st_mode) && name[0] == '.' && isOwnTemporary(name)) {
+      std::error_code ec;
+      if (std::filesystem::remove_all(path, ec) != static_cast<std::uintmax_t>(-1) && !ec) {
+        LOG(LEVEL_INFO, "removed stale temporary directory %s", path.c_str());
+        ++removed;
+      } else {
+        LOG(LEVEL_WARN, "cannot remove stale temporary directory %s: %s", path.c_str(), ec.message().c_str());
+      }
+      continue;
+    }
     if (S_ISDIR(st.st_mode) && depth > 0) removed += removeStaleTemporaries(path, depth - 1);
     if (!S_ISREG(st.st_mode) || !isOwnTemporary(name)) continue;
     if (unlink(path.c_str()) == 0) {

@@ -146,7 +146,7 @@ class Staging {
  public:
   // In the target's parent, so that the move is a rename on the same file system.
   bool create(const fs::path& target) {
-    std::string pattern = (target.parent_path() / ("." + target.filename().string() + ".unzipXXXXXX")).string();
+    std::string pattern = (target.parent_path() / ("." + target.filename().string() + ".unzip.tmpXXXXXX")).string();
     if (mkdtemp(pattern.data()) == nullptr) return false;
     dir_ = pattern;
     ::chmod(dir_.c_str(), 0755);

@@ -29,7 +29,7 @@ UploadFile& UploadFile::operator=(UploadFile&& o) noexcept {
 
 bool UploadFile::create(const std::string& dir) {
   discard();
-  std::string tmpl = (dir.empty() ? std::string(".") : dir) + "/.upload-XXXXXX";
+  std::string tmpl = temporaryNameFor((dir.empty() ? std::string(".") : dir) + "/.upload");
   int fd = mkstemp(tmpl.data());
   if (fd < 0) {
     LOG(LEVEL_ERROR, "could not create upload file in %s: %s", dir.c_str(), strerror(errno));

@@ -1,6 +1,6 @@
 // An upload on its way to disk. The bytes go to a hidden temporary file
-// ("<dir>/.upload-XXXXXX") in the directory of the final file, so the catalogue scan
-// never sees it and the final rename stays on one file system. Only commitTo() makes
+// ("<dir>/.upload.tmpXXXXXX"; the daemon removes one a power cut left behind at start)
+// in the directory of the final file, so the catalogue scan never sees it and the final rename stays on one file system. Only commitTo() makes
 // it the real file; an upload that is dropped, refused or fails validation is removed
 // when its UploadFile goes away, so nothing half written is ever left behind.
 //

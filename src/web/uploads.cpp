@@ -113,7 +113,7 @@ bool collectNewSets(const fs::path& staging, const fs::path& base, std::vector<s
 // only when every entry was written: a damaged or hostile archive leaves nothing.
 // False when refused (the answer is then decided).
 bool installZipSet(ConnectionInfo& ci, const std::string& base) {
-  std::string staging = base + "/.unpack-XXXXXX";
+  std::string staging = base + "/.unpack.tmpXXXXXX";
   if (!mkdtemp(staging.data())) {
     LOG(LEVEL_ERROR, "cannot create %s: %s", staging.c_str(), strerror(errno));
     decide(ci, false, "Upload failed.");

@@ -28,9 +28,11 @@ TEST(Temporaries, StaleOnesAreRemovedDownToTheGivenDepthOnly) {
   test::TempDir base;
   // What power cuts left: beside va.ini, in a set, in a sound's directory.
   const fs::path leftovers[] = {base / "va.ini.tmpAbC123", base / "set1" / "config.ini.tmp000001",
-                                base / "set1" / "sfx" / "10-beep" / "beep.txt.tmpqwerty"};
+                                base / "set1" / "sfx" / "10-beep" / "beep.txt.tmpqwerty",
+                                base / ".upload.tmpU1p2L3",                    // a cut upload
+                                base / ".unpack.tmpZ1p2Z3" / "set2" / "music" / "1.ogg"};  // a cut unpack
   for (const auto& p : leftovers) test::writeFile(p, std::string(1000, 'x'));
-  // What must stay: real files, look-alikes, a directory with a temporary's name, and
+  // What must stay: real files, look-alikes, a visible directory with a temporary's name, and
   // a temporary deeper than the clean-up looks.
   const fs::path keep[] = {base / "va.ini", base / "set1" / "notes.tmp", base / "set1" / "x.tmpab",
                            base / "a" / "b" / "c" / "d" / "deep.tmpABCDEF"};
@@ -38,8 +40,9 @@ TEST(Temporaries, StaleOnesAreRemovedDownToTheGivenDepthOnly) {
   fs::create_directories(base / "odd.tmpDIRDIR");
 
   test::LogCapture cap;
-  EXPECT_EQ(removeStaleTemporaries(base.str(), 3), 3);
+  EXPECT_EQ(removeStaleTemporaries(base.str(), 3), 5);
   for (const auto& p : leftovers) EXPECT_FALSE(fs::exists(p)) << p;
+  EXPECT_FALSE(fs::exists(base / ".unpack.tmpZ1p2Z3"));
   for (const auto& p : keep) EXPECT_TRUE(fs::exists(p)) << p;
   EXPECT_TRUE(fs::is_directory(base / "odd.tmpDIRDIR"));
   EXPECT_TRUE(cap.contains("removed stale temporary file " + (base / "va.ini.tmpAbC123").string()));
