@@ -2,7 +2,8 @@
 # Installs what is missing, builds korvo and runs it on the bundled demo sound set
 # with the simulated bus, replaying the recorded demo session (demo/session.rec).
 # Keys: digits then Enter play a command, Enter alone a random sound, +/- volume,
-# m next sound set, q quits. Extra arguments are passed to korvo.
+# m next sound set, q quits. Extra arguments are passed to korvo. The web service
+# runs on port 31008; a restart asked for from the web page starts the daemon again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -21,4 +22,23 @@ if [ -z "${SDL_AUDIODRIVER:-}" ] && ! ls /dev/snd/pcm* >/dev/null 2>&1; then
 fi
 DEMO_ARGS=()
 if [ -f ../../demo/session.rec ]; then DEMO_ARGS+=(-P ../../demo/session.rec); fi
-exec ../src/app/korvo -H -d -l 3 "${DEMO_ARGS[@]}" "$@" ../../demo
+PORT=31008
+args=("$@")
+for ((i = 0; i < ${#args[@]}; i++)); do
+  if [ "${args[$i]}" = "-N" ] && [ $((i + 1)) -lt ${#args[@]} ]; then PORT="${args[$((i + 1))]}"; fi
+done
+echo "run-demo: web page at http://localhost:${PORT}/ (open it in a browser)" >&2
+# Exit code 1 after a run of two seconds or more is the daemon's restart (the web page's
+# restart or a saved configuration): start it again. A start-up failure ends the script.
+while :; do
+  started=$(date +%s%N)
+  set +e
+  ../src/app/korvo -H -d -l 3 "${DEMO_ARGS[@]}" "$@" ../../demo
+  rc=$?
+  set -e
+  # (a restart comes 2 s after it was asked for; a failed start ends sooner)
+  if [ "$rc" -ne 1 ] || [ $(($(date +%s%N) - started)) -lt 2000000000 ]; then exit "$rc"; fi
+  echo "run-demo: korvo asked for a restart, starting it again" >&2
+  # The replay belongs to the first run only.
+  DEMO_ARGS=()
+done
