@@ -71,7 +71,7 @@ class Korvo {
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
   void createSoundEngine();
-  // Step 25 (-H): the web service on opt_.httpPort.
+  // The last start-up step (-H): the web service on opt_.httpPort.
   void startWebService(const char* argv0);
   // Start-up conversions of the loaded set: -K writes it as an xsnd container, -T
   // as an AltSound table. With no set loaded (`setCount` 0 or an empty index) nothing
