@@ -30,7 +30,7 @@ class HttpService {
   static constexpr std::size_t kConnectionMemoryLimit = 64 * 1024;
   static constexpr std::size_t kPostBufferSize = 1048576;
   // The HTTP thread runs at this nice value (lower priority than the audio path).
-  static constexpr int kHttpThreadNice = 5;
+  static constexpr int kHttpThreadNice = 10;
 
   // `ctx` must outlive the service.
   explicit HttpService(WebContext& ctx);
