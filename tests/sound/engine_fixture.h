@@ -68,17 +68,6 @@ class RequestLog : public ProtocolEngine {
   std::vector<std::string> got_;
 };
 
-// Waits (bounded) for a condition that the audio or service thread makes true.
-template <typename F>
-bool waitFor(F cond, int maxMs = 10000) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(maxMs);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 // SDL's disk driver writing to `file`; `delay` is its pause per buffer in ms ("0": as fast as it can).
 inline void useDiskAudio(const std::string& file, const char* delay = "0") {
   setenv("SDL_AUDIODRIVER", "disk", 1);

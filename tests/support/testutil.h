@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace korvo::test {
@@ -29,6 +30,12 @@ class TempDir {
 // generous bound for loaded machines, not a timing assertion). False when it never held:
 // callers assert it.
 bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds limit = std::chrono::seconds(30));
+// The same with the limit in milliseconds (10 s by default), for conditions that the
+// audio, service or HTTP thread makes true.
+template <typename F>
+bool waitFor(F cond, int maxMs = 10000) {
+  return waitUntil(std::function<bool()>(std::move(cond)), std::chrono::milliseconds(maxMs));
+}
 
 std::string readFile(const std::filesystem::path& p);
 void writeFile(const std::filesystem::path& p, const std::string& content);

@@ -117,17 +117,6 @@ class Client {
 inline std::string ok(const std::string& m) { return "{  \"result\": \"success\", \"message\": \"" + m + "\" }"; }
 inline std::string err(const std::string& m) { return "{  \"result\": \"error\", \"message\": \"" + m + "\" }"; }
 
-// Waits (bounded) for a condition another thread makes true.
-template <typename F>
-bool waitFor(F cond, int maxMs = 10000) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(maxMs);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 class WebFixture : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { curl_global_init(CURL_GLOBAL_DEFAULT); }
