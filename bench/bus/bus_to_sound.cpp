@@ -18,6 +18,7 @@
 
 #include "support/wav.h"
 #include "bus/pincom.h"
+#include "common/onset_rig.h"
 #include "bus/sim_board.h"
 #include "base/log.h"
 #include "platform/clock.h"
@@ -26,39 +27,13 @@
 #include "sound/sdl_sound.h"
 
 using namespace korvo;
+using namespace korvo::bench;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Onsets {
-  std::mutex m;
-  std::map<unsigned, std::vector<unsigned long>> at;  // id -> micros() at onset
-  static void observe(void* user, unsigned id, int, uint64_t) {
-    auto* self = static_cast<Onsets*>(user);
-    const unsigned long t = micros();
-    std::lock_guard lock(self->m);
-    self->at[id].push_back(t);
-  }
-};
-
-double percentile(std::vector<double> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<std::size_t>(p / 100.0 * static_cast<double>(v.size())))];
-}
-
-constexpr int kIds = 8;
-using Sent = std::vector<std::pair<unsigned, unsigned long>>;  // id, strobe micros
-
-// A PINSOUND set (recognised by its music folder) with kIds short effects from id 10.
-void makeBenchSet(const fs::path& base) {
-  test::writeSineWav(base / "demo" / "music" / "1-m" / "m.wav", 0.5, 8000, 220.0);
-  for (int i = 0; i < kIds; ++i)
-    test::writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 8000, 440.0 + 50 * i);
-}
-
 // Strobes `count` commands at 30-50 a second, as a busy game sends them.
-Sent strobeCommands(SoundEngine& engine, int count) {
+Sent strobeOnSimBoard(SoundEngine& engine, int count) {
   SimGpio gpio;
   Pincom pincom(gpio, settings);
   PincomConsumers c;
@@ -66,31 +41,7 @@ Sent strobeCommands(SoundEngine& engine, int count) {
   pincom.setConsumers(std::move(c));
   pincom.initGpio();
   SimMachine machine(gpio, pincom);
-  Sent sent;
-  for (int i = 0; i < count; ++i) {
-    const unsigned id = 10 + i % kIds;
-    machine.driver().clearStrobeTimes();
-    machine.sendByte(static_cast<uint8_t>(id));
-    sent.emplace_back(id, machine.driver().strobeTimes().at(0));
-    // Spread the strobes over the mixing period so every phase of a pass is measured.
-    std::this_thread::sleep_for(std::chrono::microseconds(20000 + (i * 997) % 11000));
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  return sent;
-}
-
-// Strobe -> onset of each command heard, in ms.
-std::vector<double> latencies(const Sent& sent, Onsets& onsets) {
-  std::vector<double> ms;
-  std::lock_guard lock(onsets.m);
-  std::map<unsigned, std::size_t> next;
-  for (const auto& [id, t] : sent) {
-    auto& v = onsets.at[id];
-    std::size_t& k = next[id];
-    while (k < v.size() && v[k] < t) ++k;
-    if (k < v.size()) ms.push_back(static_cast<double>(v[k++] - t) / 1000.0);
-  }
-  return ms;
+  return bench::strobeCommands(machine, count);
 }
 
 void printFigures(const std::vector<double>& ms, int commands, const SoundEngine& engine) {
@@ -135,7 +86,7 @@ int main(int argc, char** argv) {
       engine.startSoundServiceThread();
       // 10k commands by default: about four minutes.
       const int commands = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
-      const Sent sent = strobeCommands(engine, commands);
+      const Sent sent = strobeOnSimBoard(engine, commands);
       printFigures(latencies(sent, onsets), commands, engine);
       engine.stopSoundServiceThread();
     }

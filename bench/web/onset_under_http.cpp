@@ -24,6 +24,7 @@
 #include "base/log.h"
 #include "bus/pincom.h"
 #include "bus/sim_board.h"
+#include "common/onset_rig.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
 #include "sound/sdl_sound.h"
@@ -32,53 +33,15 @@
 #include "web/raw_client.h"
 
 using namespace korvo;
+using namespace korvo::bench;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Onsets {
-  std::mutex m;
-  std::map<unsigned, std::vector<unsigned long>> at;  // id -> micros() at onset
-  static void observe(void* user, unsigned id, int, uint64_t) {
-    auto* self = static_cast<Onsets*>(user);
-    const unsigned long t = micros();
-    std::lock_guard lock(self->m);
-    self->at[id].push_back(t);
-  }
-};
-
-double percentile(std::vector<double> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<std::size_t>(p / 100.0 * static_cast<double>(v.size())))];
-}
-
 // Strobes `count` commands at game pace and returns strobe -> onset in ms.
-std::vector<double> measure(SimMachine& machine, Onsets& onsets, int count, int ids) {
-  {
-    std::lock_guard lock(onsets.m);
-    onsets.at.clear();
-  }
-  std::vector<std::pair<unsigned, unsigned long>> sent;  // id, strobe micros
-  for (int i = 0; i < count; ++i) {
-    const unsigned id = 10 + static_cast<unsigned>(i % ids);
-    machine.driver().clearStrobeTimes();
-    machine.sendByte(static_cast<uint8_t>(id));
-    sent.emplace_back(id, machine.driver().strobeTimes().at(0));
-    // Spread the strobes over the mixing period so every phase of a pass is measured.
-    std::this_thread::sleep_for(std::chrono::microseconds(20000 + (i * 997) % 11000));
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  std::vector<double> ms;
-  std::lock_guard lock(onsets.m);
-  std::map<unsigned, std::size_t> next;
-  for (const auto& [id, t] : sent) {
-    auto& v = onsets.at[id];
-    std::size_t& k = next[id];
-    while (k < v.size() && v[k] < t) ++k;
-    if (k < v.size()) ms.push_back(static_cast<double>(v[k++] - t) / 1000.0);
-  }
-  return ms;
+std::vector<double> measure(SimMachine& machine, Onsets& onsets, int count) {
+  onsets.clear();
+  return latencies(strobeCommands(machine, count), onsets);
 }
 
 void report(const char* label, const std::vector<double>& ms, int sent, double bufferMs) {
@@ -95,10 +58,7 @@ int main(int argc, char** argv) {
   setLogLevel(LEVEL_WARN);
   const fs::path dir = fs::temp_directory_path() / ("korvo-bench-web-" + std::to_string(getpid()));
   const fs::path base = dir / "sets";
-  constexpr int kIds = 8;
-  test::writeSineWav(base / "demo" / "music" / "1-m" / "m.wav", 0.5, 8000, 220.0);
-  for (int i = 0; i < kIds; ++i)
-    test::writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 8000, 440.0 + 50 * i);
+  makeBenchSet(base);
   const std::string raw = (dir / "out.raw").string();
   setenv("SDL_AUDIODRIVER", "disk", 1);
   setenv("SDL_DISKAUDIOFILE", raw.c_str(), 1);
@@ -135,7 +95,7 @@ int main(int argc, char** argv) {
       const double bufferMs = 1000.0 * engine.bufferFrames() / engine.frequency();
       std::printf("strobe -> mixing pass that starts the sample (DATAEAST, buffer %d frames = %.2f ms)\n",
                   engine.bufferFrames(), bufferMs);
-      report("without HTTP traffic", measure(machine, onsets, commands, kIds), commands, bufferMs);
+      report("without HTTP traffic", measure(machine, onsets, commands), commands, bufferMs);
 
       // The web page's own traffic, as fast as the clients can send it.
       std::atomic<bool> stop{false};
@@ -153,7 +113,7 @@ int main(int argc, char** argv) {
             if (client.get(paths[i % std::size(paths)]) == 200) requests++;
         });
       const auto t0 = std::chrono::steady_clock::now();
-      const auto flooded = measure(machine, onsets, commands, kIds);
+      const auto flooded = measure(machine, onsets, commands);
       const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
       stop = true;
       for (auto& t : flood) t.join();
