@@ -87,6 +87,37 @@ void Korvo::createSoundEngine() {
   engine_->index().hooks().captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
 }
 
+void Korvo::startScripting() {
+  if (!settings.luaEnabled) return;
+  const char* session = getenv("DBUS_SESSION_BUS_ADDRESS");
+  video_ = std::make_unique<VideoPlayer>(opt_.baseDir, "/tmp", session ? session : "");
+  lua_ = std::make_unique<LuaBinding>(settings);
+  lua_->setTimeLimitMs(static_cast<unsigned>(settings.luaTimeLimit));
+  if (lua_->lua_init(config_.masterConfigMap()) != 0) {
+    lua_.reset();
+    return;
+  }
+  lua_->setBus(bus_.get());
+  lua_->setVideo(video_.get());
+  for (const std::string& dir : {currDir_, opt_.baseDir}) {
+    const char* sep = !dir.empty() && dir.back() == '/' ? "" : "/";
+    const std::string path = dir + sep + "init.lua";
+    LOG(LEVEL_DEBUG, "looking for %s", path.c_str());
+    if (fileExists(path)) lua_->lua_runfile(path);
+  }
+  Bus* bus = bus_.get();
+  lua_->lua_register_eventcallback([bus](EventService::Handler fn) { bus->addEventHandler(std::move(fn)); });
+}
+
+void Korvo::connectScripting() {
+  if (!lua_) return;
+  lua_->setEngine(engine_.get());
+  LuaBinding* lua = lua_.get();
+  SoundHooks& h = engine_->hooks();
+  h.luaRun = [lua](const std::string& chunk) { lua->post(chunk); };
+  h.setLuaGlobal = [lua](const char* name, int value) { lua->postGlobalInt(name, value); };
+}
+
 void Korvo::startWebService(const char* argv0) {
   webContext_ = std::make_unique<WebContext>(*engine_);
   WebContext& w = *webContext_;
@@ -101,6 +132,12 @@ void Korvo::startWebService(const char* argv0) {
   w.stopMainLoop = [this](int delayMs, int code) { loop_.stopMainLoop(delayMs, code); };
   w.updateServer = settings.updateServer;
   w.httpPassword = settings.httpPassword;
+  if (LuaBinding* lua = lua_.get())
+    w.runLuaWithDebug = [lua](const std::string& chunk) {
+      lua->lua_reset_output();
+      lua->lua_run_with_debug(chunk);
+      return lua->lua_get_print_buffer();
+    };
   http_ = std::make_unique<HttpService>(w);
   // Without a log file the web service offers the base directory, as it always has.
   const std::string& logFile = opt_.logFileName.empty() ? opt_.baseDir : opt_.logFileName;
@@ -183,6 +220,7 @@ void Korvo::readConfiguration(char** envp) {
 
 void Korvo::startSoundEngine() {
   createSoundEngine();
+  connectScripting();
   if (opt_.enableAudio && engine_->soundInit(20, opt_.baseDir.c_str(), settings.channels, settings.frequency) != 0)
     opt_.enableAudio = 0;
   if (settings.sayVersion) engine_->sayVersion(kVersion);
@@ -216,6 +254,7 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
     return pincom_main(*gpio_, settings);
   }
   if (!gpio_->hasI2C()) settings.enable_minidisplay = 0;
+  startScripting();
   if (settings.enable_eventsrv) bus_->startEventService(opt_.httpPort);
   startSoundEngine();
   startCapture();
@@ -254,6 +293,7 @@ void Korvo::shutdown() {
   // Capture first: no interrupt may post to an engine that is shutting down.
   if (bus_) bus_->shutdown();
   if (engine_) engine_->soundShutdown();
+  if (lua_) lua_->lua_exit();
   flushLog();
   if (loop_.exitCode() == 2) rebootMachine();
 }

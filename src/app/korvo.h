@@ -13,8 +13,10 @@
 #include "core/options.h"
 #include "core/settings.h"
 #include "platform/gpio.h"
+#include "scripting/lua_binding.h"
 #include "sound/protocol_handlers.h"
 #include "sound/sdl_sound.h"
+#include "video/dbus.h"
 #include "web/httpservice.h"
 #include "web/web_context.h"
 
@@ -71,6 +73,11 @@ class Korvo {
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
   void createSoundEngine();
+  // With enable_lua: the interpreter, "init.lua" from the program's directory and then
+  // the base directory, the event handler; the video player it controls.
+  void startScripting();
+  // The engine's Lua hooks (command strings, globals) once the engine exists.
+  void connectScripting();
   // The last start-up step (-H): the web service on opt_.httpPort.
   void startWebService(const char* argv0);
   // Start-up conversions of the loaded set: -K writes it as an xsnd container, -T
@@ -89,6 +96,10 @@ class Korvo {
   // interrupt can reach an engine that is going away.
   std::unique_ptr<Bus> bus_;
   unsigned long startTime_ = 0;
+  // Built before the engine and closed after it: the engine's hooks and the event
+  // service call into the interpreter until they are shut down.
+  std::unique_ptr<VideoPlayer> video_;
+  std::unique_ptr<LuaBinding> lua_;
   std::unique_ptr<SoundEngine> engine_;
   std::unique_ptr<SoundEngineProtocolPort> protocolPort_;
   std::unique_ptr<ProtocolHandlers> handlers_;

@@ -70,6 +70,7 @@ void initSettings(Settings* s) {
   s->sms_address.clear();
   s->enable_port_extender = 0;
   s->luaEnabled = 1;
+  s->luaTimeLimit = 2000;
   s->dspLedIndicator = 1;
   s->enable_eventsrv = 1;
   s->dataeast_volume_range = 400;
@@ -284,6 +285,7 @@ Configuration::Configuration(Settings& s) : settings_(s) {
       entry(ENUM, "vendor", &vendor_, {"0", "1", "5", "6", "7", "8"},
             {"DATAEAST", "WPC", "WPCDCS", "DATAEAST*", "WHITESTAR", "WHITESTAR*"}),
       entry(BOOL, "enable_lua", &t.luaEnabled),
+      entry(INT, "lua_time_limit", &t.luaTimeLimit),
       entry(BOOL, "enable_eventsrv", &t.enable_eventsrv),
       entry(STRING, "http_password", &t.httpPassword),
       entry(STRING, "update_server", &t.updateServer),

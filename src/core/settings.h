@@ -92,6 +92,7 @@ struct Settings {
   std::string sms_address;  // empty = off
   int enable_port_extender = 0;
   int luaEnabled = 0;
+  int luaTimeLimit = 0;  // ms a Lua script may run before it is stopped; 0 = no limit
   int dspLedIndicator = 0;
   int enable_eventsrv = 0;
   int dataeast_volume_range = 0;
@@ -142,9 +143,9 @@ struct DspSetting {
 // The catalogues and the helper values that reading "mellosound.ini" goes through.
 class Configuration {
  public:
-  // The master catalogue has 56 slots: 39 built in, 17 free for the DSP, one of which
+  // The master catalogue has 57 slots: 40 built in, 17 free for the DSP, one of which
   // always stays free as the table's end.
-  static constexpr std::size_t kMasterCatalogueSlots = 56;
+  static constexpr std::size_t kMasterCatalogueSlots = 57;
   static constexpr int kMaxDspEntries = 15;
 
   explicit Configuration(Settings& s);

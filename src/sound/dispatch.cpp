@@ -285,9 +285,11 @@ void SoundEngine::processCmd(const char* cmd) {
     ctx_.defer([this, text] { sendPortCmd(text.c_str()); });
   } else if (isI2CCmd(cmd)) {
     ctx_.defer([this, text] { sendI2CCmd(text.c_str()); });
-  } else if (settings_.luaEnabled) {
-    if (hooks_.luaRun) ctx_.defer([this, text] { hooks_.luaRun(text); });
+  } else if (settings_.luaEnabled && hooks_.luaRun) {
+    // Lua decides what reaches the serial line and the socket (its send()).
+    ctx_.defer([this, text] { hooks_.luaRun(text); });
   } else {
+    // Lua off, or no interpreter running: the text goes out as it is.
     if (settings_.enableSerial && hooks_.serialSend) ctx_.defer([this, text] { hooks_.serialSend(text); });
     if (!settings_.sms_address.empty() && hooks_.sendSocketCmd) ctx_.defer([this, text] { hooks_.sendSocketCmd(text); });
   }

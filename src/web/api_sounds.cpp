@@ -72,14 +72,8 @@ MHD_Result handlePlayCommand(MHD_Connection* connection, const char*, char* buff
   }
   const auto& runLua = webContext().runLuaWithDebug;
   if (!runLua) return failed(connection, buffer, "lua not available");
-  const std::string printed = runLua(cmd);
   Joined lines;
-  std::string_view rest = printed;
-  while (!rest.empty()) {
-    auto nl = rest.find('\n');
-    lines.add("\"" + escape(rest.substr(0, nl)) + "\"");
-    rest = nl == std::string_view::npos ? std::string_view() : rest.substr(nl + 1);
-  }
+  for (const std::string& line : runLua(cmd)) lines.add("\"" + escape(line) + "\"");
   return sendJsonResponse(connection, "{  \"result\": \"success\", \"message\": \"cmd is running\" , \"output\": [" +
                                           lines.text() + "] }");
 }

@@ -47,9 +47,9 @@ struct WebContext {
 
   // Ends the main loop after delayMs with `code` (2 = reboot afterwards).
   std::function<void(int delayMs, int code)> stopMainLoop;
-  // Runs a Lua chunk with the print buffer reset and returns what it printed, one line
-  // per '\n'. Empty function: no Lua in this build.
-  std::function<std::string(const std::string& chunk)> runLuaWithDebug;
+  // Runs a Lua chunk with the print buffer reset and returns the lines it printed (its
+  // error text as the last one). Empty function: Lua is off or not built.
+  std::function<std::vector<std::string>(const std::string& chunk)> runLuaWithDebug;
 
   // Network and system paths ("/etc/hostname", wpa_supplicant files, ...) are joined
   // under this prefix so tests run on a temporary tree. "/" on the device.

@@ -211,7 +211,7 @@ TEST_F(SettingsTest, MissingMasterConfigKeepsOptions) {
 TEST_F(SettingsTest, CatalogueHasBuiltInEntriesAndTakesAtMostFifteenDspSettings) {
   Configuration cfg(s);
   auto& map = cfg.masterConfigMap();
-  ASSERT_EQ(map.size(), 39u);
+  ASSERT_EQ(map.size(), 40u);
   EXPECT_EQ(map.front().name, "Announcements");
   EXPECT_EQ(map.back().name, "sms_port");
   const SettingsMap* vendor = nullptr;
@@ -225,11 +225,11 @@ TEST_F(SettingsTest, CatalogueHasBuiltInEntriesAndTakesAtMostFifteenDspSettings)
   std::vector<DspSetting> dsp;
   for (int i = 0; i < 20; ++i) dsp.push_back({(i % 4 == 0 ? "_hidden" : "dsp") + std::to_string(i), &values[i]});
   cfg.extendMasterConfigMap(dsp);
-  ASSERT_EQ(map.size(), 39u + 1u + 15u);
-  EXPECT_EQ(map[39].type, GROUP);
-  EXPECT_EQ(map[39].name, "DSP Settings");
-  for (std::size_t i = 40; i < map.size(); ++i) EXPECT_NE(map[i].name[0], '_');
-  EXPECT_EQ(map[40].name, "dsp1");
+  ASSERT_EQ(map.size(), 40u + 1u + 15u);
+  EXPECT_EQ(map[40].type, GROUP);
+  EXPECT_EQ(map[40].name, "DSP Settings");
+  for (std::size_t i = 41; i < map.size(); ++i) EXPECT_NE(map[i].name[0], '_');
+  EXPECT_EQ(map[41].name, "dsp1");
 
   // The DSP's settings are read from the file like the built-in ones.
   test::writeFile(dir / "mellosound.ini", "dsp1=99\n");

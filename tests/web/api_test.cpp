@@ -31,7 +31,7 @@ TEST_F(Api, PlaysStopsAndRunsCommands) {
   std::string chunk;
   ctx->runLuaWithDebug = [&](const std::string& c) {
     chunk = c;
-    return std::string("one\n\"two\"\n");
+    return std::vector<std::string>{"one", "\"two\""};
   };
   EXPECT_EQ(body("/playCommand?cmd=print(1)%0Aprint(2)&debug=1"),
             "{  \"result\": \"success\", \"message\": \"cmd is running\" , \"output\": [\"one\",\"\\\"two\\\"\"] }");
