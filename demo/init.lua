@@ -13,7 +13,8 @@ function flash(times)
 end
 
 -- Every datagram sent to the event port (the HTTP port + 1) arrives here as text:
---   echo -n "play 10" | nc -u -w1 localhost 31009
+--   echo -n "play 21" | nc -u -w1 localhost 31009     (the jackpot voice)
+--   echo -n "sound 11" | nc -u -w1 localhost 31009    (prints the ramp sound's table)
 function eventHandler(event)
   local cmd, arg = event:match("^(%S+)%s*(.-)%s*$")
   if cmd == "play" then

@@ -5,6 +5,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -180,6 +183,33 @@ TEST(Cli, SigtermShutsDownInOrderAndLogFileIsAppended) {
   EXPECT_FALSE(std::filesystem::exists(work / "set" / "sfx" / "10-a" / "a.txt.tmp0a0a0a"));
   EXPECT_TRUE(std::filesystem::exists(work / "set" / "notes.tmp"));
   EXPECT_NE(log.find("removed stale temporary file"), std::string::npos);
+}
+
+TEST(Cli, RunsInitLuaAndHandsItUdpEvents) {
+  korvo::test::TempDir work;
+  korvo::test::writeFile(work / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  korvo::test::writeFile(work / "init.lua",
+                         "print('init ' .. version)\nfunction eventHandler(e) print('event: ' .. e) end\n");
+  // The event service listens on the HTTP port + 1; keep clear of a daemon on this machine.
+  const int httpPort = 42000 + getpid() % 2000 * 2;
+  Proc p = start({"-N", std::to_string(httpPort), work.str()}, work.str());
+  std::string seen;
+  ASSERT_TRUE(waitForOutput(p, seen, "start-up done")) << seen;
+  EXPECT_NE(seen.find("looking for " + work.str() + "/init.lua"), std::string::npos);
+  EXPECT_NE(seen.find("init 1.30rc24"), std::string::npos);
+  EXPECT_NE(seen.find("adding lua event callback handler: eventHandler"), std::string::npos);
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(httpPort + 1));
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sendto(fd, "tilt\n", 5, 0, reinterpret_cast<const sockaddr*>(&a), sizeof a);
+  close(fd);
+  EXPECT_TRUE(waitForOutput(p, seen, "event: tilt")) << seen;
+  kill(p.pid, SIGTERM);
+  Result r = finish(p);
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE((seen + r.out).find("lua_exit"), std::string::npos);
 }
 
 }  // namespace
