@@ -26,20 +26,21 @@ class PrintSink {
   bool full() const { return lines_ >= PrintBuffer::kLines; }
   void line(const std::string& text) {
     if (full()) {
-      ++cut_;
+      cut_ = true;
       return;
     }
     ++lines_;
     b_.printLine(text);
   }
+  void cut() { cut_ = true; }
   ~PrintSink() {
-    if (cut_ > 0) b_.printLine("... " + std::to_string(cut_) + " more lines not printed");
+    if (cut_) b_.printLine("... print cut after " + std::to_string(lines_) + " lines");
   }
 
  private:
   LuaBinding& b_;
   int lines_ = 0;
-  long cut_ = 0;
+  bool cut_ = false;
 };
 
 std::string numberText(lua_Number n) {
@@ -81,7 +82,11 @@ void print_table(lua_State* L, int idx, const std::string& indent, std::set<cons
   if (!lua_checkstack(L, 4)) return;
   path.insert(lua_topointer(L, idx));
   lua_pushnil(L);
-  while (lua_next(L, idx) != 0 && !out.full()) {
+  while (lua_next(L, idx) != 0) {
+    if (out.full()) {
+      out.cut();
+      break;
+    }
     // Keys are copied as text: lua_tostring on the key itself would confuse lua_next.
     lua_pushvalue(L, -2);
     const std::string key = scalarText(L, -1);

@@ -77,6 +77,11 @@ TEST_F(Lua, TheBufferKeepsTheNewest2000Lines) {
   EXPECT_EQ(lines.back(), "line2001");
   lua.lua_reset_output();
   EXPECT_TRUE(lua.lua_get_print_buffer().empty());
+  // One print of a huge table is cut, and says so.
+  const std::vector<std::string> big = printed("local t = {} for i = 1, 3000 do t[i] = i end print(t)");
+  ASSERT_EQ(big.size(), 2000u);
+  EXPECT_EQ(big.back(), "... print cut after 2000 lines");
+  EXPECT_EQ(big.front(), "2 = 2");
 }
 
 TEST_F(Lua, GlobalsAndLibraries) {
