@@ -5,6 +5,8 @@
 #include <lua.h>
 #include <lualib.h>
 
+#include <cctype>
+
 #include "base/log.h"
 #include "core/options.h"
 #include "platform/clock.h"

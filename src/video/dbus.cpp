@@ -2,6 +2,7 @@
 
 #include <dbus/dbus.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "base/handles.h"
