@@ -5,6 +5,11 @@
 
 namespace korvo {
 
+bool rotarySupport(const Settings* s) {
+  const int p = s->protocol.load();
+  return (p == DATAEAST || p == DATAEAST2 || p == DATAEAST3) && s->enable_dataeast_volume == 0 && s->enableI2S == 0;
+}
+
 FrontPanel::FrontPanel(Gpio& gpio, Settings& s, PanelActions actions)
     : gpio_(gpio),
       settings_(s),
@@ -67,9 +72,8 @@ void FrontPanel::doRotaryEncoder() {
     LOG(LEVEL_DEBUG, "button %d, r: %d, vol: %d", 0, r, settings_.volume.load());
   }
   const int click = encoder_.button_clicked();
-  if (click == 1 && actions_.switchToSoundSet && actions_.soundSetCount) {
-    const int count = actions_.soundSetCount();
-    if (count > 0) actions_.switchToSoundSet(settings_.soundSet.load() % count + 1);
+  if (click == 1 && actions_.nextSoundSet) {
+    actions_.nextSoundSet();
   } else if (click == 2 && actions_.soundHandler) {
     actions_.soundHandler(nextCommand_++);
   }

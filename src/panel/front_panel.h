@@ -18,11 +18,15 @@
 
 namespace korvo {
 
+// The encoder shares its pins with the I2S interface and the volume input: only the
+// Data East protocols without either may use it.
+bool rotarySupport(const Settings* s);
+
 struct PanelActions {
+  // Called on the main loop: each must return at once (post to the engine's ring).
   std::function<void(int steps)> adjustVolume;  // encoder steps, 5 volume units each
   std::function<void(int volume)> setVolume;    // the pot
-  std::function<int()> soundSetCount;
-  std::function<void(int set)> switchToSoundSet;
+  std::function<void()> nextSoundSet;           // wraps from the last set to 1
   std::function<void(unsigned id)> soundHandler;
   // The name of sound set n, for the display (called on the display thread).
   std::function<std::string(int set)> soundSetName;

@@ -134,15 +134,14 @@ TEST_F(Controls, ButtonReportsPressDurationsOnRelease) {
   EXPECT_EQ(got, (std::vector<unsigned>{120, 300, 2500}));
 }
 
-TEST_F(Controls, EncoderActionsStepTheVolumeSwitchSetsAndWalkCommands) {
+TEST_F(Controls, EncoderActionsStepTheVolumeSwitchSetsAndWalkCommandNumbers) {
   Settings s;
   s.soundSet = 3;
   s.volume = 50;
   std::vector<std::string> calls;
   PanelActions a;
   a.adjustVolume = [&](int steps) { calls.push_back("vol " + std::to_string(steps)); };
-  a.soundSetCount = [] { return 3; };
-  a.switchToSoundSet = [&](int set) { calls.push_back("set " + std::to_string(set)); };
+  a.nextSoundSet = [&] { calls.push_back("next set"); };
   a.soundHandler = [&](unsigned id) { calls.push_back("cmd " + std::to_string(id)); };
   FrontPanel panel(gpio, s, a);
   panel.initRotaryEncoder();
@@ -157,14 +156,14 @@ TEST_F(Controls, EncoderActionsStepTheVolumeSwitchSetsAndWalkCommands) {
   turn(e, "31023102" "3");
   loop(1000);
   press(e, 60);
-  loop(1000);  // single click: from the last set to the first
+  loop(1000);  // single click
   for (int i = 0; i < 2; ++i) {
     press(e, 60);
     loop(100);
     press(e, 60);
     loop(1000);
   }
-  EXPECT_EQ(calls, (std::vector<std::string>{"vol 2", "set 1", "cmd 0", "cmd 1"}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"vol 2", "next set", "cmd 0", "cmd 1"}));
 }
 
 }  // namespace
