@@ -171,14 +171,13 @@ int Dsp::applySettingLines(std::string_view lines) {
     char* stop = nullptr;
     const long value = std::strtol(line.c_str() + eq + 1, &stop, 10);
     if (stop == line.c_str() + eq + 1) continue;
-    int current = 0;
-    bool known = false;
+    std::optional<int> current;
     {
       std::lock_guard lock(mutex_);
       for (const DspSettingDef& s : def_->settings)
-        if (s.name == key) known = true, current = s.value;
+        if (s.name == key) current = s.value;
     }
-    if (known && current != value && applySetting(key, static_cast<int>(value)) == 0) ++applied;
+    if (current && *current != value && applySetting(key, static_cast<int>(value)) == 0) ++applied;
   }
   return applied;
 }

@@ -96,9 +96,16 @@ void DataEastVolume::takeReading(int raw) {
     if (unstable) LOG(LEVEL_WARN, "volume input readings scatter (pot not connected?): volume left alone");
   }
   if (unstable) return;
-  const double exact = std::clamp(static_cast<double>(sorted[kMedianOf / 2] - settings_.dataeast_volume_offset) *
-                                      kMaxVolume / settings_.dataeast_volume_range,
-                                  0.0, static_cast<double>(kMaxVolume));
+  const double unclamped = static_cast<double>(sorted[kMedianOf / 2] - settings_.dataeast_volume_offset) *
+                           kMaxVolume / settings_.dataeast_volume_range;
+  const bool outside = unclamped < -kMaxVolume * 0.1 || unclamped > kMaxVolume * 1.1;
+  if (outside != outside_) {
+    outside_ = outside;
+    if (outside)
+      LOG(LEVEL_WARN, "volume input reads %d, outside dataeast_volume_offset %d + range %d (pot wired backwards?)",
+          sorted[kMedianOf / 2], settings_.dataeast_volume_offset, settings_.dataeast_volume_range);
+  }
+  const double exact = std::clamp(unclamped, 0.0, static_cast<double>(kMaxVolume));
   if (potVolume_ < 0) {  // the first reading only tells where the pot rests
     potVolume_ = exact;
     return;

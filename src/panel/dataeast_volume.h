@@ -7,7 +7,8 @@
 // Volume = clamp((raw - offset) x 128 / range, 0, 128) over the median of the last five
 // readings, with a hysteresis of two volume steps, so a resting pot never jitters the
 // volume or rewrites va.ini. The pot takes over only when it moves: a volume set from
-// the web, the encoder or Lua stays until the pot is turned.
+// the web, the encoder or Lua stays until the pot is turned. A pot wired the other way
+// round is set up with its offset at the low-volume end and a negative range.
 //
 // Thread: the main loop only.
 #pragma once
@@ -63,6 +64,7 @@ class DataEastVolume {
   int lastRaw_ = -1;
   double potVolume_ = -1;  // where the pot last took over (exact), -1 = not yet read
   bool unstable_ = false;
+  bool outside_ = false;  // readings far outside offset..offset+range (said once)
   int failures_ = 0;
 };
 

@@ -95,6 +95,33 @@ TEST_F(VolumeInput, ARestingNoisyPotNeverChangesTheVolumeButAMovedOneTakesOver) 
   }
 }
 
+TEST_F(VolumeInput, APotWiredBackwardsIsToldOnceAndWorksWithANegativeRange) {
+  settings.volume = 60;
+  gpio.adc().setInputVoltage(0, voltsFor(100));
+  DataEastVolume input(gpio, settings, [&](int v) { settings.volume = v; });
+  ASSERT_TRUE(input.init());
+  run(input, 1000);
+  {
+    test::LogCapture log;
+    gpio.adc().setInputVoltage(0, 2.0);  // far beyond offset + range
+    run(input, 3000);
+    EXPECT_EQ(settings.volume.load(), 128);
+    const std::string text = log.text();
+    EXPECT_NE(text.find("pot wired backwards?"), std::string::npos);
+    EXPECT_EQ(text.find("pot wired backwards?"), text.rfind("pot wired backwards?"));
+  }
+  // Reversed: 0.88 V is volume 0, 0.08 V is volume 128.
+  settings.dataeast_volume_offset = 440;
+  settings.dataeast_volume_range = -400;
+  DataEastVolume reversed(gpio, settings, [&](int v) { settings.volume = v; });
+  gpio.adc().setInputVoltage(0, 0.88);
+  ASSERT_TRUE(reversed.init());
+  run(reversed, 1000);
+  gpio.adc().setInputVoltage(0, 0.08 + 0.4);  // half way
+  run(reversed, 1000);
+  EXPECT_NEAR(settings.volume.load(), 64, 1);
+}
+
 TEST_F(VolumeInput, FloatingInputAndMissingConverterLeaveTheVolumeAlone) {
   settings.volume = 33;
   {
