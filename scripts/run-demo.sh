@@ -33,7 +33,7 @@ echo "run-demo: web page at http://localhost:${PORT}/ (open it in a browser)" >&
 while :; do
   started=$(date +%s%N)
   set +e
-  ../src/app/korvo -H -d -l 3 "${DEMO_ARGS[@]}" "$@" ../../demo
+  ../src/app/korvo -H -d -l 3 -X ../../demo/dsp/velt-demo.xml "${DEMO_ARGS[@]}" "$@" ../../demo
   rc=$?
   set -e
   # (a restart comes 2 s after it was asked for; a failed start ends sooner)

@@ -11,6 +11,8 @@ PACKAGES=(
   libprotobuf-c-dev protobuf-c-compiler
   liblua5.2-dev libmicrohttpd-dev libdbus-1-dev libxml2-dev
   libasound2-dev libgpiod-dev
+  # the mini display's font is generated from its misc-fixed 5x8 at build time
+  xfonts-base
   # signature check of firmware updates
   libsodium-dev
   # tests, benchmarks and fuzzing

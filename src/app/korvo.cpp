@@ -84,6 +84,9 @@ void Korvo::createSoundEngine() {
   ProtocolHandlers* handlers = handlers_.get();
   h.suppressNotFound = [handlers](int id) { return handlers->suppressNotFound(id) != 0; };
   h.gpio = gpio_.get();
+  h.showDisplayLine = [this](int x, int y, const std::string& text) {
+    if (panel_) panel_->showDisplayLine(x, y, text);
+  };
   engine_->index().hooks().captureStarted = [bus] { return bus->pincom().gpioInitDone(); };
 }
 
@@ -138,6 +141,7 @@ void Korvo::startWebService(const char* argv0) {
       lua->lua_run_with_debug(chunk);
       return lua->lua_get_print_buffer();
     };
+  wirePanelAndDsp(w);
   http_ = std::make_unique<HttpService>(w);
   // Without a log file the web service offers the base directory, as it always has.
   const std::string& logFile = opt_.logFileName.empty() ? opt_.baseDir : opt_.logFileName;
@@ -209,13 +213,11 @@ void Korvo::readConfiguration(char** envp) {
     terminalRaw_ = true;
   }
   dumpEnvironment(envp);
-  if (!opt_.dspXmlFile.empty()) {
-    LOG(LEVEL_INFO, "dsp xml def set to '%s'", opt_.dspXmlFile.c_str());
-    LOG(LEVEL_WARN, "DSP programming is not available in this build, ignoring %s", opt_.dspXmlFile.c_str());
-  }
+  loadDspDefinition();
   LOG(LEVEL_INFO, "loading settings from %s", "va.ini");
   config_.readSettings("va.ini");
   config_.readMasterConfig(opt_.baseDir.c_str(), gpio_->hasI2C());
+  applyDspSettings();
 }
 
 void Korvo::startSoundEngine() {
@@ -253,13 +255,16 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
     signal(SIGTERM, SIG_DFL);
     return pincom_main(*gpio_, settings);
   }
-  if (!gpio_->hasI2C()) settings.enable_minidisplay = 0;
+  startMiniDisplay();
   startScripting();
   if (settings.enable_eventsrv) bus_->startEventService(opt_.httpPort);
   startSoundEngine();
+  showStartupDisplay();
   startCapture();
+  startPanelInputs();
   if (opt_.enableAudio) engine_->startSoundServiceThread();
   if (opt_.enableHttpService) startWebService(argv[0]);
+  registerButton();
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
   LOG(LEVEL_INFO, "start-up done, entering the main loop");
   return -1;
@@ -270,18 +275,22 @@ void Korvo::runMainLoop() {
   // return at once so the loop keeps its 1 ms cadence.
   for (unsigned long n = 1; loop_.keepRunning(); ++n) {
     loop_.checkStopTime(millis());
+    senseEncoder();
     bus_->ackMusicIfDue(n, engine_->soundIsPlayingMusic() != 0);
     unsigned now = static_cast<unsigned>(millis());
     bus_->updatePincom(now);
     bus_->updatePlayback(now);
     engine_->updateSound(now);
+    updateFrontPanel(now);
     MainLoop::sleepToNextMillisecond();
     if (opt_.enableDebug && dataRdy(STDIN_FILENO)) {
       int c = getch();
       if (c >= 0) console_->handleKey(c);
     }
+    doRotaryEncoder();
     // Lines are flushed as they are written; this reports repeats held back meanwhile.
     if (n % kRepeatReportEvery == 0) flushLog();
+    checkWifi(n);
   }
 }
 
@@ -322,7 +331,8 @@ void Korvo::rebootMachine() {
 
 void Korvo::buttonClicked(unsigned durationMs) {
   ButtonActions a = buttonActionsFor(durationMs);
-  if (a.cycleSoundSet && engine_) engine_->cycleSoundSet(1);
+  // Through the ring: loading a set must not hold up the main loop.
+  if (a.cycleSoundSet && engine_) postNextSoundSet();
   if (a.cycleAudioDevice && engine_) engine_->cycleAudioDevice();
   if (a.reboot) rebootMachine();
 }

@@ -7,11 +7,14 @@
 #include <memory>
 #include <string>
 
+#include "app/wifi_fallback.h"
 #include "bus/bus.h"
 #include "core/console.h"
 #include "core/mainloop.h"
 #include "core/options.h"
 #include "core/settings.h"
+#include "dsp/dsp.h"
+#include "panel/front_panel.h"
 #include "platform/gpio.h"
 #include "scripting/lua_binding.h"
 #include "sound/protocol_handlers.h"
@@ -38,6 +41,8 @@ class Korvo {
   Gpio* gpio() { return gpio_.get(); }
   Bus* bus() { return bus_.get(); }
   SoundEngine* engine() { return engine_.get(); }
+  FrontPanel* panel() { return panel_.get(); }
+  Dsp* dsp() { return dsp_.get(); }
   const std::string& baseDir() const { return opt_.baseDir; }
 
   // Runs the reboot command after shutdown (exit code 2) or on a long button press.
@@ -70,6 +75,30 @@ class Korvo {
   // Side outputs, the stored volume, the bus capture and recording or replay.
   void startCapture();
 
+  // The front panel and the DSP, each step in its own function.
+  // Step 7 (-X): the DSP definition, its settings joining the catalogue.
+  void loadDspDefinition();
+  // After "mellosound.ini": the DSP program and settings (only with an I2C bus).
+  void applyDspSettings();
+  // Step 10: the mini display when enabled and present.
+  void startMiniDisplay();
+  // Steps 14 and 15: version, serial and address lines; the Wi-Fi fallback's start.
+  void showStartupDisplay();
+  // Step 22: the encoder (rotarySupport) and the Data East volume input.
+  void startPanelInputs();
+  // Step 26: the button.
+  void registerButton();
+  // Main loop step 2, the panel part of step 4, step 7 and step 9.
+  void senseEncoder();
+  void updateFrontPanel(unsigned now);
+  void doRotaryEncoder();
+  void checkWifi(unsigned long n);
+  PanelActions panelActions();
+  // The button and the encoder's click: the service thread switches the set.
+  void postNextSoundSet();
+  // The web service's /display frame and its DSP settings changes.
+  void wirePanelAndDsp(WebContext& w);
+
   void setCurrDir(const char* argv0);
   ConsoleActions consoleActions();
   void createSoundEngine();
@@ -95,6 +124,8 @@ class Korvo {
   // The bus is built before the engine and shut down explicitly before it, so no
   // interrupt can reach an engine that is going away.
   std::unique_ptr<Bus> bus_;
+  // Programmed from the main thread at start, changed from the HTTP thread later.
+  std::unique_ptr<Dsp> dsp_;
   unsigned long startTime_ = 0;
   // Built before the engine and closed after it: the engine's hooks and the event
   // service call into the interpreter until they are shut down.
@@ -103,6 +134,9 @@ class Korvo {
   std::unique_ptr<SoundEngine> engine_;
   std::unique_ptr<SoundEngineProtocolPort> protocolPort_;
   std::unique_ptr<ProtocolHandlers> handlers_;
+  // After the engine: the display thread asks the engine for set names until it stops.
+  std::unique_ptr<FrontPanel> panel_;
+  std::unique_ptr<WifiFallback> wifi_;
   bool terminalRaw_ = false;
   // Started last and stopped first: its handlers use the engine, the bus and the loop.
   std::unique_ptr<WebContext> webContext_;

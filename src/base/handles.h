@@ -8,6 +8,7 @@
 
 #include <SDL2/SDL_mixer.h>
 #include <dirent.h>
+#include <libxml/tree.h>
 #include <netdb.h>
 #include <regex.h>
 #include <unistd.h>
@@ -39,6 +40,7 @@ using ZipHandle = Handle<zip_t, ::zip_discard>;    // zip_open: discard = close 
                                                    // call zip_close(h.release()) to commit
 using ZipFileHandle = Handle<zip_file_t, ::zip_fclose>;  // zip_fopen_index
 using ZipSourceHandle = Handle<zip_source_t, ::zip_source_free>;
+using XmlDocHandle = Handle<xmlDoc, ::xmlFreeDoc>;     // xmlReadMemory / xmlReadFile
 using AddrInfoHandle = Handle<addrinfo, ::freeaddrinfo>;  // getaddrinfo
 using RWopsHandle = Handle<SDL_RWops, SDL_RWclose>;      // SDL_RWFromFile / own streams
 using ChunkHandle = Handle<Mix_Chunk, Mix_FreeChunk>;    // Mix_LoadWAV_RW

@@ -34,6 +34,18 @@ std::unique_ptr<Gpio> createAuto() {
 
 }  // namespace
 
+int Gpio::i2cWriteBlock(int fd, std::span<const uint8_t> bytes) {
+  if (fd < 0) return -1;
+  const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+  return n == static_cast<ssize_t>(bytes.size()) ? 0 : -1;
+}
+
+int Gpio::i2cReadBlock(int fd, std::span<uint8_t> out) {
+  if (fd < 0) return -1;
+  const ssize_t n = ::read(fd, out.data(), out.size());
+  return n == static_cast<ssize_t>(out.size()) ? 0 : -1;
+}
+
 std::unique_ptr<Gpio> createGpio(const std::string& choice) {
   std::string name = choice;
   if (name.empty()) {

@@ -9,7 +9,9 @@
 #pragma once
 
 #include <functional>
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace korvo {
@@ -51,6 +53,12 @@ class Gpio {
   virtual int wiringPiI2CWriteReg16(int fd, int reg, int data) = 0;
   virtual int wiringPiI2CReadReg8(int fd, int reg) = 0;
   virtual int wiringPiI2CReadReg16(int fd, int reg) = 0;
+  // Plain transactions for devices that need more than the SMBus shapes (display data,
+  // DSP parameter blocks): one write of `bytes`, one read filling `out`; 0 on success,
+  // -1 on failure. The gpiod and wiringPi handles are /dev/i2c-N descriptors with the
+  // device selected, so the default goes through write(2) and read(2).
+  virtual int i2cWriteBlock(int fd, std::span<const uint8_t> bytes);
+  virtual int i2cReadBlock(int fd, std::span<uint8_t> out);
 
   // Maps pins pinBase..pinBase+15 to an MCP23017 at `i2cAddress`; afterwards
   // pinMode/digitalRead/digitalWrite/pullUpDnControl on those pins go through I2C.

@@ -29,6 +29,7 @@
 #include "platform/gpio.h"
 #include "platform/mcp23017.h"
 #include "platform/sim_i2c.h"
+#include "platform/sim_i2c_devices.h"
 
 namespace korvo {
 
@@ -75,6 +76,8 @@ class SimGpio : public Gpio {
   int wiringPiI2CWriteReg16(int fd, int reg, int data) override;
   int wiringPiI2CReadReg8(int fd, int reg) override;
   int wiringPiI2CReadReg16(int fd, int reg) override;
+  int i2cWriteBlock(int fd, std::span<const uint8_t> bytes) override { return transfer(fd, bytes, {}); }
+  int i2cReadBlock(int fd, std::span<uint8_t> out) override { return transfer(fd, {}, out); }
   int mcp23017Setup(int pinBase, int i2cAddress) override;
 
   // ---- the outside world ----

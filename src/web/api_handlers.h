@@ -55,6 +55,8 @@ KORVO_SIMPLE_HANDLER(handleLogFileRequest);
 KORVO_SIMPLE_HANDLER(handleLiveLogFileRequest);
 KORVO_SIMPLE_HANDLER(handleRestart);
 KORVO_SIMPLE_HANDLER(handleVersion);
+// the mini display's frame buffer (1024 bytes, 8 pages of 128 columns); 404 without one
+KORVO_SIMPLE_HANDLER(handleGetDisplay);
 
 #undef KORVO_SIMPLE_HANDLER
 

@@ -57,6 +57,8 @@ MHD_Result saveConfig(ConnectionInfo& ci) {
   const std::string lines = withStoredPassword(configLines(ci), ctx.httpPassword);
   if (!ctx.configuration || ctx.configuration->updateMasterConfig(ctx.baseDir.c_str(), lines) != 0)
     return decide(ci, false, "Config could not be saved.");
+  // DSP settings are heard at once, before the restart that applies the rest.
+  if (ctx.applyConfigLines) ctx.applyConfigLines(lines);
   // The settings are read at start-up only: the daemon restarts to apply them, after the
   // answer has had time to reach the page.
   if (!ctx.srvBuild && ctx.stopMainLoop) ctx.stopMainLoop(2000, 1);

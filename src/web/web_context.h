@@ -59,6 +59,12 @@ struct WebContext {
   // HTTP Basic password (mellosound.ini `http_password`); empty = the API is open.
   // Never logged and never sent back.
   std::string httpPassword;
+  // The mini display's frame buffer (1024 bytes) for /display; empty function: no
+  // display, /display answers 404. Any thread.
+  std::function<std::vector<uint8_t>()> displayFrame;
+  // The configuration save's "key=value" lines, after the file was written: applies the
+  // DSP settings among them at once. Empty function: no DSP.
+  std::function<void(const std::string& lines)> applyConfigLines;
   // Build flag reported by /version; restarts are not allowed when it is set.
   unsigned srvBuild = 0;
 };
