@@ -95,7 +95,7 @@ void Korvo::startScripting() {
   const char* session = getenv("DBUS_SESSION_BUS_ADDRESS");
   video_ = std::make_unique<VideoPlayer>(opt_.baseDir, "/tmp", session ? session : "");
   lua_ = std::make_unique<LuaBinding>(settings);
-  lua_->setTimeLimitMs(static_cast<unsigned>(settings.luaTimeLimit));
+  lua_->setTimeLimitMs(settings.luaTimeLimit > 0 ? static_cast<unsigned>(settings.luaTimeLimit) : 0);
   if (lua_->lua_init(config_.masterConfigMap()) != 0) {
     lua_.reset();
     return;
