@@ -242,6 +242,23 @@ function loudestWindow(x, win = 0.5) {
   return { ...best, samples: x.subarray(best.at, best.at + n) };
 }
 
+// A view has loaded when its heading is there and nothing in it still says "Loading".
+async function viewLoaded(page) {
+  await page.waitForSelector("main h2");
+  await page.waitForFunction(() => !document.querySelector('main [aria-busy="true"]'), { timeout: DEADLINE });
+}
+
+// axe-core's findings of impact "serious" or "critical" on the page as it is now.
+async function seriousA11yViolations(page) {
+  if (!(await page.evaluate(() => typeof window.axe === "object"))) {
+    await page.addScriptTag({ path: require.resolve("axe-core/axe.min.js") });
+  }
+  const found = await page.evaluate(() => window.axe.run(document, { resultTypes: ["violations"] }));
+  return found.violations
+    .filter((v) => v.impact === "serious" || v.impact === "critical")
+    .map((v) => ({ id: v.id, help: v.help, nodes: v.nodes.map((n) => n.html.slice(0, 120)) }));
+}
+
 async function screenshot(page, name) {
   fs.mkdirSync(path.join(ARTIFACTS, "screenshots"), { recursive: true });
   const file = path.join(ARTIFACTS, "screenshots", `${name}.png`);
@@ -271,6 +288,8 @@ module.exports = {
   openPage,
   rms,
   screenshot,
+  seriousA11yViolations,
+  viewLoaded,
   startBrowser,
   startDaemon,
   toneRms,

@@ -101,9 +101,9 @@ function Samples({ sound, reload }) {
 export function SoundView({ id }) {
   const s = useLoad(() => get(`/sounds/${id}`), [id]);
   const title = s.data ? `Sound ${s.data.id}: ${s.data.name}` : `Sound ${id}`;
-  return html`<div class="grid">
-    <p><a href="#/sounds">← All sounds</a></p>
+  return html`<div class="grid one">
     <${Section} title=${title} id="sound">
+      <p><a href="#/sounds">← All sounds</a></p>
       ${s.data
         ? html`<p class="muted">${s.data.path}</p><${SoundForm} sound=${s.data} onSaved=${() => s.reload()} />`
         : html`<${Loading} state=${s} what="the sound" />`}

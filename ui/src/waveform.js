@@ -60,9 +60,9 @@ export function Waveform({ soundId, index, name }) {
     ${failed && html`<p class="notice err" role="alert">${failed}</p>`}
     <div class="row">
       <button type="button" class="play" onClick=${playOnDevice} disabled=${act.busy}
-        aria-label=${`Play ${name} on the device`}>Play on device</button>
+        aria-label=${`Play on device: ${name}`}>Play on device</button>
       <button type="button" disabled=${!ready} onClick=${() => (cancelAnimationFrame(frame.current), ws.current.playPause())}
-        aria-label=${`${listening ? "Pause" : "Listen to"} ${name} in this browser`}>${listening ? "Pause" : "Listen here"}</button>
+        aria-label=${`${listening ? "Pause" : "Listen here"}: ${name}`}>${listening ? "Pause" : "Listen here"}</button>
     </div>
     <${Notice} notice=${act.notice} />
   </div>`;
