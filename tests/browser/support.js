@@ -46,6 +46,54 @@ function toneWav(seconds, amplitude, hz = TONE_HZ) {
   return b;
 }
 
+// A zip archive of stored (uncompressed) entries: enough for a sound set upload.
+const CRC_TABLE = Array.from({ length: 256 }, (_, n) => {
+  let c = n;
+  for (let k = 0; k < 8; k++) c = c & 1 ? 0xedb88320 ^ (c >>> 1) : c >>> 1;
+  return c >>> 0;
+});
+function crc32(buf) {
+  let c = 0xffffffff;
+  for (const b of buf) c = CRC_TABLE[(c ^ b) & 0xff] ^ (c >>> 8);
+  return (c ^ 0xffffffff) >>> 0;
+}
+function storedZip(entries) {
+  const parts = [];
+  const central = [];
+  let offset = 0;
+  for (const [name, data] of entries) {
+    const n = Buffer.from(name);
+    const crc = crc32(data);
+    const local = Buffer.alloc(30);
+    local.writeUInt32LE(0x04034b50, 0);
+    local.writeUInt16LE(20, 4);
+    local.writeUInt32LE(crc, 14);
+    local.writeUInt32LE(data.length, 18);
+    local.writeUInt32LE(data.length, 22);
+    local.writeUInt16LE(n.length, 26);
+    const dir = Buffer.alloc(46);
+    dir.writeUInt32LE(0x02014b50, 0);
+    dir.writeUInt16LE(20, 4);
+    dir.writeUInt16LE(20, 6);
+    dir.writeUInt32LE(crc, 16);
+    dir.writeUInt32LE(data.length, 20);
+    dir.writeUInt32LE(data.length, 24);
+    dir.writeUInt16LE(n.length, 28);
+    dir.writeUInt32LE(offset, 42);
+    parts.push(local, n, data);
+    central.push(dir, n);
+    offset += local.length + n.length + data.length;
+  }
+  const size = central.reduce((a, b) => a + b.length, 0);
+  const end = Buffer.alloc(22);
+  end.writeUInt32LE(0x06054b50, 0);
+  end.writeUInt16LE(entries.length, 8);
+  end.writeUInt16LE(entries.length, 10);
+  end.writeUInt32LE(size, 12);
+  end.writeUInt32LE(offset, 16);
+  return Buffer.concat([...parts, ...central, end]);
+}
+
 function freePort() {
   return new Promise((resolve, reject) => {
     const s = net.createServer();
@@ -259,6 +307,36 @@ async function seriousA11yViolations(page) {
     .map((v) => ({ id: v.id, help: v.help, nodes: v.nodes.map((n) => n.html.slice(0, 120)) }));
 }
 
+// Chromium's own network throttling, so that an upload on loopback takes long enough for
+// its progress to be seen.
+async function throttleUploads(page, bytesPerSecond) {
+  const cdp = await page.createCDPSession();
+  await cdp.send("Network.enable");
+  await cdp.send("Network.emulateNetworkConditions", {
+    offline: false,
+    latency: 0,
+    downloadThroughput: -1,
+    uploadThroughput: bytesPerSecond,
+  });
+}
+
+// Collects every value the page's progress bar shows into window.progressSeen.
+function recordProgress(page) {
+  return page.evaluate(() => {
+    window.progressSeen = [];
+    const note = () => {
+      const bar = document.querySelector("progress");
+      if (bar) window.progressSeen.push(Number(bar.value));
+    };
+    new MutationObserver(note).observe(document.body, {
+      subtree: true,
+      childList: true,
+      characterData: true,
+      attributes: true,
+    });
+  });
+}
+
 async function screenshot(page, name) {
   fs.mkdirSync(path.join(ARTIFACTS, "screenshots"), { recursive: true });
   const file = path.join(ARTIFACTS, "screenshots", `${name}.png`);
@@ -287,7 +365,10 @@ module.exports = {
   loudestWindow,
   openPage,
   rms,
+  recordProgress,
   screenshot,
+  throttleUploads,
+  storedZip,
   seriousA11yViolations,
   viewLoaded,
   startBrowser,

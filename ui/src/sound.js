@@ -2,6 +2,7 @@
 // waveforms, adding and removing files.
 import { useEffect, useState } from "preact/hooks";
 import { get, postForm, TYPES } from "./api.js";
+import { connection } from "./connection.js";
 import { html, useLoad, useAction, Notice, Loading, Section, ConfirmButton, UploadForm } from "./ui.js";
 import { Waveform } from "./waveform.js";
 
@@ -46,12 +47,23 @@ function SoundForm({ sound, onSaved }) {
   };
   const save = async (e) => {
     e.preventDefault();
-    const answer = await act.run(async () => {
+    // Every changed field is tried: one refused field (a name in a directory set) does not
+    // keep the others from being saved; the refusals are reported together.
+    await act.run(async () => {
       const said = [];
-      for (const [k, send] of changed) said.push((await send(sound.id, draft[k])).message);
-      return { message: said.join(" · ") || "Nothing changed." };
+      const refused = [];
+      for (const [k, send] of changed) {
+        try {
+          said.push((await send(sound.id, draft[k])).message);
+        } catch (err) {
+          if (!err.status && connection.current.status !== "online") throw err;
+          refused.push(err.message);
+        }
+      }
+      onSaved();
+      if (refused.length) throw new Error(refused.concat(said).join(" · "));
+      return { message: said.join(" · ") };
     });
-    onSaved(answer);
   };
   const typeOptions = TYPES.map((t, i) => html`<option value=${i}>${t}</option>`);
   return html`<form class="sound-form" onSubmit=${save}>
