@@ -2,7 +2,7 @@
 import { useState } from "preact/hooks";
 import { get } from "./api.js";
 import { connection } from "./connection.js";
-import { html, useLoad, useAction, Notice, Loading, Section, UploadForm } from "./ui.js";
+import { html, useLoad, useAction, Notice, Loading, Section, UploadForm, ConfirmButton } from "./ui.js";
 
 function Download() {
   const [version, setVersion] = useState("");
@@ -21,6 +21,17 @@ function Download() {
   </form>`;
 }
 
+function Restart() {
+  const act = useAction();
+  const restart = async () => {
+    if (await act.run(() => get("/restart"))) connection.restarting();
+  };
+  return html`<div class="row">
+    <${ConfirmButton} label="Restart now" question="Restart the sound board now?" onConfirm=${restart} disabled=${act.busy} />
+    <${Notice} notice=${act.notice} />
+  </div>`;
+}
+
 export function FirmwareView() {
   const s = useLoad(() => get("/version"));
   return html`<div class="grid">
@@ -32,6 +43,7 @@ export function FirmwareView() {
       <${UploadForm} label="Update archive (.zip)" accept=".zip" path="/firmware"
         extra=${{ name: "signature", label: "Signature (optional)", accept: ".sig" }} />
       <p class="muted">The update is installed at the next start.</p>
+      <${Restart} />
     <//>
   </div>`;
 }

@@ -2,7 +2,7 @@
 import { useState } from "preact/hooks";
 import { get } from "./api.js";
 import { connection } from "./connection.js";
-import { html, useLoad, useAction, Notice, Loading, Section } from "./ui.js";
+import { html, useLoad, useAction, Notice, Loading, Section, ConfirmButton } from "./ui.js";
 
 const COUNTRIES = ["DE", "GB", "FR", "US", "SE", "JP"];
 
@@ -75,7 +75,8 @@ function Reboot() {
     if (await act.run(() => get("/restart?code=2"))) connection.restarting();
   };
   return html`<div class="row">
-    <button type="button" onClick=${reboot} disabled=${act.busy}>Reboot the device</button>
+    <${ConfirmButton} label="Reboot the device" question="Reboot now? Sound stops until it is back." onConfirm=${reboot}
+      disabled=${act.busy} />
     <${Notice} notice=${act.notice} />
   </div>`;
 }
