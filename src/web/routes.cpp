@@ -65,6 +65,7 @@ const RequestHandlerMapping kMappings[kRouteCount] = {
     get("^/duckByType/[0-9]$", handleGetDuckingByType),
     get("^/duckByType/[0-9]/[0-9]{1,3}$", handleSetDuckingByType),
     get("^/firmware/auto$", handleDownloadFirmwareAuto),
+    get("^/sounds/playing$", handleGetPlaying),
     post("^/config$", CONFIG_POST, configPostCallback),
     post("^/recording$", UPLOAD_REC_POST, recordingPostCallback),
     post("^/soundsets$", SOUNDSET_UPLOAD_POST, uploadSoundsetPostCallback),

@@ -58,3 +58,14 @@ test("a click on play puts the sample's tone into the capture, at the slider's l
   assert.ok(ratio > 1.8 && ratio < 2.2, `half the volume halves the level (ratio ${ratio.toFixed(3)})`);
   assert.deepEqual(page.errors, []);
 });
+
+test("the status view shows what plays on the channels and the music stream", async () => {
+  await page.goto(`${daemon.url}/#/sounds`);
+  await (await page.waitForSelector('button[aria-label="Play 1 main_theme"]')).click();
+  await page.waitForSelector("::-p-text(sound 1 is playing)");
+  await page.goto(`${daemon.url}/#/status`);
+  await page.waitForSelector("section ::-p-text(Music: 1 main_theme)");
+  await t.clickText(page, "Stop all");
+  await page.waitForSelector("section ::-p-text(Music: none)");
+  assert.deepEqual(page.errors, []);
+});

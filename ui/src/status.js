@@ -5,6 +5,7 @@ import { get, TYPES } from "./api.js";
 import { html, useLoad, useAction, Notice, Loading, Section } from "./ui.js";
 import { PanelMirror } from "./panel.js";
 import { LiveLog } from "./livelog.js";
+import { NowPlaying } from "./playing.js";
 
 async function loadDevice() {
   const [version, config, sets, net] = await Promise.all([
@@ -112,6 +113,7 @@ export function StatusView() {
     <${Section} title="Device"><${DeviceFacts} /><//>
     <${PanelMirror} />
     <${Section} title="Volume"><${Volume} /><${QuickPlay} /><//>
+    <${NowPlaying} />
     <${Section} title="Gain and ducking by type"><${MixTable} /><//>
     <${Section} title="Live log"><${LiveLog} /><//>
   </div>`;
