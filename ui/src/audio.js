@@ -28,7 +28,11 @@ function Control({ device, control, act }) {
 }
 
 function Controls({ device }) {
-  const s = useLoad(() => get(`/audioDevices/${device}/controls`), [device]);
+  // A device without an ALSA card (SDL's own drivers) answers 404: it has no controls.
+  const s = useLoad(
+    () => get(`/audioDevices/${device}/controls`).catch((e) => (e.status === 404 ? [] : Promise.reject(e))),
+    [device],
+  );
   const act = useAction();
   if (!s.data) return html`<${Loading} state=${s} what="the mixer controls" />`;
   if (!s.data.length) return html`<p class="muted">This device has no mixer controls.</p>`;
