@@ -69,3 +69,20 @@ test("the status view shows what plays on the channels and the music stream", as
   await page.waitForSelector("section ::-p-text(Music: none)");
   assert.deepEqual(page.errors, []);
 });
+
+test("a file played on the device from its waveform plays and moves the waveform's cursor", async () => {
+  await page.goto(`${daemon.url}/#/sounds/${t.TONE_ID}`);
+  const play = await page.waitForSelector('button[aria-label="Play on device: tone.wav"]');
+  await page.waitForSelector('button[aria-label="Listen here: tone.wav"]:not([disabled])');
+  const from = t.captureSize(daemon);
+  await play.click();
+  // wavesurfer draws in an open shadow root; its cursor's left offset is the position.
+  await page.waitForFunction(() => {
+    const host = document.querySelector(".wave-canvas > div");
+    const cursor = host && host.shadowRoot && host.shadowRoot.querySelector('[part="cursor"]');
+    return cursor && parseFloat(cursor.style.left) > 20;
+  });
+  const level = t.loudestWindow(await t.captureAfter(daemon, from, 2.5));
+  assert.ok(t.toneRms(level.samples) > 0.05, `the tone is in the capture (${level.rms.toFixed(4)})`);
+  await t.waitForSilence(daemon);
+});

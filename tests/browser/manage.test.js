@@ -81,3 +81,27 @@ test("a refused request shows the API's message", async () => {
   assert.deepEqual(page.errors, []);
   await page.close();
 });
+
+test("a sample file is added with its waveform, and removed only after a confirmation", async () => {
+  const wav = path.join(daemon.root, "extra.wav");
+  fs.writeFileSync(wav, t.toneWav(1, 0.2, 440));
+  const dir = path.join(daemon.base, "velt-demo/sfx/13-rollover");
+  const page = await t.openPage(browser, daemon, "#/sounds/13");
+  await t.viewLoaded(page);
+  await (await page.$("form.upload input[type=file]")).uploadFile(wav);
+  await page.click("form.upload button[type=submit]");
+  await page.waitForSelector("form.upload ::-p-text(Sample added.)");
+  const item = await page.waitForSelector('::-p-xpath(//ol[@class="samples"]/li[.//strong[text()="extra.wav"]])');
+  // The waveform is drawn once the file is decoded; then the browser preview is offered.
+  await item.waitForSelector('button[aria-label="Listen here: extra.wav"]:not([disabled])');
+  assert.ok(fs.existsSync(path.join(dir, "extra.wav")));
+
+  await (await item.waitForSelector("::-p-text(Remove file)")).click();
+  assert.ok(fs.existsSync(path.join(dir, "extra.wav")), "the first click only asks");
+  await (await item.waitForSelector("button ::-p-text(Yes)")).click();
+  await page.waitForSelector("::-p-text(sample removed)");
+  await page.waitForFunction(() => ![...document.querySelectorAll("ol.samples strong")].some((e) => e.textContent === "extra.wav"));
+  assert.ok(!fs.existsSync(path.join(dir, "extra.wav")));
+  assert.deepEqual(page.errors, []);
+  await page.close();
+});

@@ -102,11 +102,16 @@ export function UploadForm({ label, accept, path, extra, onDone, button = "Uploa
   const submit = async (e) => {
     e.preventDefault();
     if (!files.file) return act.setNotice({ ok: false, text: "Choose a file first." });
+    const form = e.target;
     setProgress(0);
     const list = [["file", files.file], ...(extra ? [[extra.name, files[extra.name]]] : [])];
     const answer = await act.run(() => upload(path, list, setProgress));
-    if (!answer) setProgress(null);
-    else if (onDone) onDone(answer);
+    setProgress(null);
+    if (answer) {
+      form.reset();
+      setFiles({});
+      if (onDone) onDone(answer);
+    }
   };
   const pick = (name) => (e) => setFiles({ ...files, [name]: e.target.files[0] });
   return html`<form class="upload" onSubmit=${submit}>
