@@ -30,6 +30,13 @@ for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 
+# The web UI's build (node, npm) and its browser tests (chromium): Debian's packages, but
+# only where the command is missing, since a machine may carry another node whose own npm
+# conflicts with Debian's.
+command -v node >/dev/null 2>&1 || missing+=(nodejs)
+command -v npm >/dev/null 2>&1 || missing+=(npm)
+command -v chromium >/dev/null 2>&1 || missing+=(chromium)
+
 if [ "${#missing[@]}" -eq 0 ]; then
   echo "setup: all ${#PACKAGES[@]} packages present"
   exit 0

@@ -16,6 +16,7 @@ namespace korvo {
 KORVO_SIMPLE_HANDLER(handlePlay);
 KORVO_SIMPLE_HANDLER(handlePlayWithIndex);
 KORVO_SIMPLE_HANDLER(handlePlayStop);
+KORVO_SIMPLE_HANDLER(handleGetPlaying);
 KORVO_SIMPLE_HANDLER(handlePlaySystemSound);
 KORVO_SIMPLE_HANDLER(handlePlayCommand);
 KORVO_SIMPLE_HANDLER(handleGetSounds);

@@ -55,6 +55,18 @@ MHD_Result handlePlayStop(MHD_Connection* connection, const char*, char* buffer)
   return success(connection, buffer, "music stopped");
 }
 
+// What plays now: the id on each mixer channel and on the music stream, -1 where idle.
+// Read lock-free; a sample that ends meanwhile may still be listed once.
+MHD_Result handleGetPlaying(MHD_Connection* connection, const char*, char*) {
+  Joined ids(", ");
+  for (int ch = 0; ch < kMixChannels; ++ch) {
+    unsigned id = engine().idPlayingOnChannel(ch);
+    ids.add(id == kChannelIdle ? "-1" : std::to_string(id));
+  }
+  int music = engine().soundIsPlayingMusic() ? engine().musicIdPlaying() : -1;
+  return sendJsonResponse(connection, "{ \"channels\": [" + ids.text() + "], \"music\": " + std::to_string(music) + " }");
+}
+
 MHD_Result handlePlaySystemSound(MHD_Connection* connection, const char* url, char* buffer) {
   const char* name = url + strlen("/system/sounds/play/");
   if (engine().playSystemSound(name, 0) == 0) return success(connection, buffer, "system sound '%s' is playing", name);

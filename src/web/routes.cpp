@@ -66,6 +66,7 @@ const RequestHandlerMapping kMappings[kRouteCount] = {
     get("^/duckByType/[0-9]/[0-9]{1,3}$", handleSetDuckingByType),
     get("^/firmware/auto$", handleDownloadFirmwareAuto),
     get("^/display$", handleGetDisplay),
+    get("^/sounds/playing$", handleGetPlaying),
     post("^/config$", CONFIG_POST, configPostCallback),
     post("^/recording$", UPLOAD_REC_POST, recordingPostCallback),
     post("^/soundsets$", SOUNDSET_UPLOAD_POST, uploadSoundsetPostCallback),

@@ -1,5 +1,6 @@
 // The JSON API over the real server: every route group with its exact answers, the
 // edge cases of the paths, and the effect on the engine, bus, log and main loop.
+#include <algorithm>
 #include <filesystem>
 
 #include "core/options.h"
@@ -19,6 +20,12 @@ TEST_F(Api, PlaysStopsAndRunsCommands) {
   EXPECT_EQ(body("/sounds/play/1"), ok("sound 1 is playing"));
   EXPECT_TRUE(test::waitFor([&] { return engine->musicIdPlaying() == 1; }));
   EXPECT_EQ(body("/sounds/play/11/1"), ok("sound 11/1 is playing"));
+  // What plays: sound 11 on a channel, the music on the stream, every other channel idle.
+  EXPECT_TRUE(test::waitFor([&] { return engine->isSamplePlaying(11) == 1; }));
+  const std::string playing = body("/sounds/playing");
+  EXPECT_NE(playing.find(", \"music\": 1 }"), std::string::npos) << playing;
+  EXPECT_NE(playing.find("11"), std::string::npos) << playing;
+  EXPECT_EQ(std::count(playing.begin(), playing.end(), ','), 11) << playing;
   EXPECT_EQ(body("/sounds/play//1"), err("bad url"));
   EXPECT_EQ(body("/sounds/play/stop"), ok("music stopped"));
   EXPECT_EQ(body("/system/sounds/play/ready.ogg"), ok("system sound 'ready.ogg' is playing"));

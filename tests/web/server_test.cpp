@@ -138,17 +138,18 @@ TEST(Responses, HelpersKeepTheirTexts) {
 
 TEST(Routes, TableKeepsItsRowsAndKinds) {
   auto rows = reqMappings();
-  ASSERT_EQ(rows.size(), 58u);
+  ASSERT_EQ(rows.size(), 59u);
   EXPECT_STREQ(rows[0].urlPattern, "^/$");
   EXPECT_STREQ(rows[38].urlPattern, "^/hostname");
   EXPECT_STREQ(rows[44].urlPattern, "^/firmware/auto$");
   EXPECT_STREQ(rows[45].urlPattern, "^/display$");
+  EXPECT_STREQ(rows[46].urlPattern, "^/sounds/playing$");
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ(rows[i].type, i < 46 ? SIMPLE : POSTCB) << i;
-    EXPECT_EQ(rows[i].connType == GET_REQ, i < 46) << i;
+    EXPECT_EQ(rows[i].type, i < 47 ? SIMPLE : POSTCB) << i;
+    EXPECT_EQ(rows[i].connType == GET_REQ, i < 47) << i;
   }
-  EXPECT_EQ(rows[47].connType, UPLOAD_REC_POST);
-  EXPECT_EQ(rows[57].connType, UPDATE_TYPE_POST);
+  EXPECT_EQ(rows[48].connType, UPLOAD_REC_POST);
+  EXPECT_EQ(rows[58].connType, UPDATE_TYPE_POST);
   EXPECT_STREQ(connectionTypeNames[SOUNDSET_UPLOAD_POST], "SOUNDSET_UPLOAD_POST");
 }
 

@@ -1,0 +1,107 @@
+// Managing the device from the page: a sound set upload with its progress, an edit that
+// reaches the file on disk, and refusals shown with the API's own message.
+"use strict";
+const { test, before, after } = require("node:test");
+const assert = require("node:assert/strict");
+const fs = require("fs");
+const path = require("path");
+const t = require("./support.js");
+
+let daemon;
+let browser;
+
+before(async () => {
+  daemon = await t.startDaemon();
+  browser = await t.startBrowser();
+});
+
+after(() => t.closeAll(browser, daemon));
+
+test("a sound set upload shows its progress and the new set joins the list", async () => {
+  const zip = path.join(daemon.root, "uploaded.zip");
+  // A directory set is one with a music directory.
+  const set = [
+    ["uploaded-set/music/1-theme/theme.wav", t.toneWav(10, 0.2, 440)],
+    ["uploaded-set/sfx/50-beep/beep.wav", t.toneWav(10, 0.2)],
+  ];
+  fs.writeFileSync(zip, t.storedZip(set));
+  const page = await t.openPage(browser, daemon, "#/sets");
+  await t.viewLoaded(page);
+  await t.throttleUploads(page, 512 * 1024);
+  await t.recordProgress(page);
+  await (await page.$("form.upload input[type=file]")).uploadFile(zip);
+  await page.click("form.upload button[type=submit]");
+  await page.waitForSelector("form.upload ::-p-text(Soundset added.)");
+  await page.waitForSelector("li.set ::-p-text(uploaded-set)");
+  const seen = await page.evaluate(() => window.progressSeen);
+  assert.ok(seen.some((v) => v > 0 && v < 100), `the bar moved through the upload: ${seen.join(" ")}`);
+  assert.ok(fs.existsSync(path.join(daemon.base, "uploaded-set/sfx/50-beep/beep.wav")));
+  await page.close();
+});
+
+test("saving a sound's gain rewrites its file on disk", async () => {
+  const gainFile = path.join(daemon.base, "velt-demo/sfx/10-bumper/gain.txt");
+  assert.ok(!fs.existsSync(gainFile), "the demo's bumper has the neutral gain");
+  const page = await t.openPage(browser, daemon, "#/sounds/10");
+  await t.viewLoaded(page);
+  const gain = await page.waitForSelector("#f-gain");
+  await gain.click({ clickCount: 3 });
+  await gain.type("80");
+  await t.clickText(page, "Save changes");
+  await page.waitForSelector(".sound-form ::-p-text(gain updated)");
+  assert.equal(fs.readFileSync(gainFile, "utf8").trim(), "24"); // 0..30 in the set's files
+  assert.equal(await page.$eval("#f-gain", (el) => el.value), "80", "the form shows the stored value");
+  await page.close();
+});
+
+test("a refused request shows the API's message", async () => {
+  const page = await t.openPage(browser, daemon, "#/sounds/11");
+  await t.viewLoaded(page);
+  const name = await page.waitForSelector("#f-name");
+  await name.click({ clickCount: 3 });
+  await name.type("ramp left");
+  await t.clickText(page, "Save changes");
+  await page.waitForSelector(".sound-form [role=alert] ::-p-text(name update not supported)");
+
+  await page.goto(`${daemon.url}/#/network`);
+  await t.viewLoaded(page);
+  const host = await page.waitForSelector("#hostname");
+  await host.click({ clickCount: 3 });
+  await host.type("my.box");
+  await t.clickText(page, "Set host name");
+  await page.waitForSelector("[role=alert] ::-p-text(Hostname not valid. Please retry.)");
+
+  const notes = path.join(daemon.root, "notes.txt");
+  fs.writeFileSync(notes, "not a sound set");
+  await page.goto(`${daemon.url}/#/sets`);
+  await t.viewLoaded(page);
+  await (await page.$("form.upload input[type=file]")).uploadFile(notes);
+  await page.click("form.upload button[type=submit]");
+  await page.waitForSelector("form.upload [role=alert] ::-p-text(Soundset must be a .zip or .xsnd file.)");
+  assert.deepEqual(page.errors, []);
+  await page.close();
+});
+
+test("a sample file is added with its waveform, and removed only after a confirmation", async () => {
+  const wav = path.join(daemon.root, "extra.wav");
+  fs.writeFileSync(wav, t.toneWav(1, 0.2, 440));
+  const dir = path.join(daemon.base, "velt-demo/sfx/13-rollover");
+  const page = await t.openPage(browser, daemon, "#/sounds/13");
+  await t.viewLoaded(page);
+  await (await page.$("form.upload input[type=file]")).uploadFile(wav);
+  await page.click("form.upload button[type=submit]");
+  await page.waitForSelector("form.upload ::-p-text(Sample added.)");
+  const item = await page.waitForSelector('::-p-xpath(//ol[@class="samples"]/li[.//strong[text()="extra.wav"]])');
+  // The waveform is drawn once the file is decoded; then the browser preview is offered.
+  await item.waitForSelector('button[aria-label="Listen here: extra.wav"]:not([disabled])');
+  assert.ok(fs.existsSync(path.join(dir, "extra.wav")));
+
+  await (await item.waitForSelector("::-p-text(Remove file)")).click();
+  assert.ok(fs.existsSync(path.join(dir, "extra.wav")), "the first click only asks");
+  await (await item.waitForSelector("button ::-p-text(Yes)")).click();
+  await page.waitForSelector("::-p-text(sample removed)");
+  await page.waitForFunction(() => ![...document.querySelectorAll("ol.samples strong")].some((e) => e.textContent === "extra.wav"));
+  assert.ok(!fs.existsSync(path.join(dir, "extra.wav")));
+  assert.deepEqual(page.errors, []);
+  await page.close();
+});
