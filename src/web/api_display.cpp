@@ -7,7 +7,11 @@ namespace korvo {
 
 MHD_Result handleGetDisplay(MHD_Connection* connection, const char* url, char*) {
   const WebContext& ctx = webContext();
-  if (!ctx.displayFrame) return error404(connection, url);
+  // Without a display the page's mirror asks every few seconds; a plain 404 without the
+  // ERROR line of an unknown URL keeps the log readable.
+  (void)url;
+  if (!ctx.displayFrame)
+    return sendResponse(connection, "no display", MHD_HTTP_NOT_FOUND, "text/plain");
   const std::vector<uint8_t> frame = ctx.displayFrame();
   return sendResponse(connection, {reinterpret_cast<const char*>(frame.data()), frame.size()}, MHD_HTTP_OK,
                       "application/octet-stream");
