@@ -67,6 +67,7 @@ void Korvo::createSoundEngine() {
   // queue an event nobody reads.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
   engine_ = std::make_unique<SoundEngine>(settings);
+  panelEngine_.store(engine_.get(), std::memory_order_release);
   engine_->setSoundsDir(findSoundsDir());
   engine_->setTransientSettingsFile("va.ini");
   engine_->setCopyMapping(opt_.copyLocalConfig != 0);

@@ -4,6 +4,7 @@
 // start-up.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -136,6 +137,9 @@ class Korvo {
   std::unique_ptr<ProtocolHandlers> handlers_;
   // After the engine: the display thread asks the engine for set names until it stops.
   std::unique_ptr<FrontPanel> panel_;
+  // The engine as the display thread sees it: published once the engine exists, since that
+  // thread starts before the engine does and must not read engine_ while it is assigned.
+  std::atomic<SoundEngine*> panelEngine_{nullptr};
   std::unique_ptr<WifiFallback> wifi_;
   bool terminalRaw_ = false;
   // Started last and stopped first: its handlers use the engine, the bus and the loop.

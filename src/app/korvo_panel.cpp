@@ -50,9 +50,10 @@ PanelActions Korvo::panelActions() {
   };
   // On the display thread, which may wait for the engine.
   a.soundSetName = [this](int n) -> std::string {
-    if (!engine_) return "";
-    auto lock = engine_->lock();
-    const SoundSet* set = engine_->catalogue().get(n);
+    SoundEngine* engine = panelEngine_.load(std::memory_order_acquire);
+    if (!engine) return "";
+    auto lock = engine->lock();
+    const SoundSet* set = engine->catalogue().get(n);
     if (!set) return "";
     return std::filesystem::path(set->basedir).filename().string();
   };

@@ -76,6 +76,13 @@ class Log {
   // The same with an explicit time on the steady millisecond clock (tests).
   void flushRepeats(uint64_t nowMs);
   static uint64_t steadyMillis();
+  // Runs fn while no line is being written, so a reader of an in-memory device (a test's
+  // open_memstream) sees whole lines and never races the writer's buffer.
+  template <typename Fn>
+  void withDeviceLocked(Fn&& fn) {
+    std::lock_guard lock(writeMutex_);
+    fn();
+  }
 
   // Writes one line (prefix, message, newline). Called by the LOG macro once the
   // main level test has passed.

@@ -64,8 +64,12 @@ LogCapture::~LogCapture() {
 }
 
 std::string LogCapture::text() {
-  fflush(mem_);
-  return std::string(buf_, size_);
+  std::string copy;
+  Log::instance().withDeviceLocked([&] {
+    fflush(mem_);
+    copy.assign(buf_, size_);
+  });
+  return copy;
 }
 
 }  // namespace korvo::test
