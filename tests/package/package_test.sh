@@ -42,7 +42,9 @@ done
 getent passwd korvo >/dev/null || fail "no korvo user"
 for g in gpio i2c audio; do getent group "$g" >/dev/null || fail "no group $g"; done
 [ "$(stat -c %U /var/lib/korvo/sets)" = korvo ] || fail "/var/lib/korvo/sets not owned by korvo"
-/usr/bin/korvo -v | grep -q "version" || fail "korvo -v"
+# -v prints the version and exits 1, as every option that ends the program does.
+version="$(/usr/bin/korvo -v 2>&1 || true)"
+grep -q "version: " <<<"$version" || fail "korvo -v printed: $version"
 
 if command -v systemd-analyze >/dev/null; then
   echo "== systemd-analyze verify"
@@ -57,9 +59,10 @@ echo "== the installed daemon on the demo set (sim bus) as user korvo"
 cp -r /usr/share/korvo/examples/demo/velt-demo /var/lib/korvo/sets/
 chown -R korvo:korvo /var/lib/korvo/sets
 LOG="$WORK/korvo.log"
+PORT=$((20000 + RANDOM % 20000))  # the UDP event service takes the next one
 touch "$LOG" && chmod 666 "$LOG"
 (cd /var/lib/korvo && exec runuser -u korvo -- env KORVO_GPIO=sim SDL_AUDIODRIVER=dummy \
-   KORVO_SOUNDS_DIR=/usr/share/korvo/sounds /usr/bin/korvo -H -N 0 -l 3 /var/lib/korvo/sets \
+   KORVO_SOUNDS_DIR=/usr/share/korvo/sounds /usr/bin/korvo -H -N "$PORT" -l 3 /var/lib/korvo/sets \
    >"$LOG" 2>&1 </dev/null) &
 DAEMON_PID=$!
 for _ in $(seq 1 300); do
@@ -69,14 +72,23 @@ for _ in $(seq 1 300); do
 done
 grep -q "start-up done, entering the main loop" "$LOG" || { cat "$LOG"; fail "daemon did not start"; }
 grep -q "serving the web UI from /usr/share/korvo/html" "$LOG" || { cat "$LOG"; fail "web UI not found"; }
-PORT="$(sed -n 's/.*started http service on port \([0-9]*\).*/\1/p' "$LOG" | head -1)"
-if command -v curl >/dev/null && [ -n "$PORT" ]; then
+if command -v curl >/dev/null; then
   curl -sf "http://127.0.0.1:$PORT/version" >/dev/null || fail "GET /version on port $PORT"
+  # A volume change is stored in va.ini, in the service's working directory.
+  curl -sf "http://127.0.0.1:$PORT/volume/77" >/dev/null || fail "GET /volume/77"
+  for _ in $(seq 1 100); do grep -qs "volume=77" /var/lib/korvo/va.ini && break; sleep 0.1; done
+  grep -qs "volume=77" /var/lib/korvo/va.ini || fail "va.ini has no volume=77"
 fi
-kill -TERM "$DAEMON_PID"
-wait "$DAEMON_PID" || fail "daemon exit code $? after SIGTERM"
+# SIGTERM to korvo itself (runuser's child), as systemd's stop sends it: orderly shutdown.
+KORVO_PID="$(pgrep -P "$DAEMON_PID" | head -1)"
+[ -n "$KORVO_PID" ] || fail "no korvo process under runuser"
+kill -TERM "$KORVO_PID"
+rc=0
+wait "$DAEMON_PID" || rc=$?
+[ "$rc" -eq 0 ] || { tail -5 "$LOG"; fail "daemon exit code $rc after SIGTERM"; }
 DAEMON_PID=""
 [ -f /var/lib/korvo/va.ini ] || fail "no va.ini written in the working directory"
+[ "$(stat -c %U /var/lib/korvo/va.ini)" = korvo ] || fail "va.ini not owned by korvo"
 echo "daemon ran: $(grep -c . "$LOG") log lines, va.ini written"
 
 echo "== dpkg -r keeps sets and settings"
