@@ -90,6 +90,7 @@ void Soak::busFlood(const std::atomic<bool>& stop) {
   const uint8_t bytes[] = {10, 11, 20, 1, 99, 0x7F, 0x00, 0xFF};
   for (int round = 0; !stop; ++round) {
     const int protocol = round % kProtocolCount;
+    if (protocol == SYS11) continue;  // no capture of its own: its pin table has no strobe
     SimGpio gpio;
     settings.protocol = protocol;
     Bus bus(gpio, settings);
@@ -125,10 +126,13 @@ void Soak::uploads(const std::atomic<bool>& stop) {
   test::writeSineWav(dir.path() / "up.wav", 0.05, 8000, 500);
   const std::string wav = test::readFile(dir.path() / "up.wav");
   test::Client c(http->boundPort());
-  while (!stop) {
-    test::FormReply r = test::postForm(http->boundPort(), "/sounds/10/sample/add", test::fileForm(wav, "up.wav"));
+  for (int i = 0; !stop; ++i) {
+    const std::string name = "up" + std::to_string(i) + ".wav";
+    test::FormReply r = test::postForm(http->boundPort(), "/sounds/10/sample/add", test::fileForm(wav, name));
     count("upload", "sent");
-    count("upload", r.code != CURLE_OK ? "failed" : r.body.find("success") != std::string::npos ? "added" : "refused");
+    count("upload", r.code != CURLE_OK ? "failed"
+                    : r.body.find("success") != std::string::npos ? "added"
+                                                                  : "refused (" + r.body.substr(r.body.find("message")) + ")");
     // Keep the sound's size bounded: its second file goes again.
     test::Reply rm = c.get("/sounds/10/sample/1/remove");
     count("sample-remove", rm.code == CURLE_OK ? "answered" : "failed");
@@ -196,6 +200,7 @@ TEST_F(Soak, EveryLoadAtOnceForMinutes) {
   printf("soak: end: RSS %ld KiB, open files %d, threads %d\n", after.rssKiB, after.openFiles, after.threads);
   printCounts();
   for (int p = 0; p < kProtocolCount; ++p) {
+    if (p == SYS11) continue;
     const std::string load = std::string("bus ") + protocolName(p);
     EXPECT_EQ(counted(load, "sent"), counted(load, "read") + counted(load, "isr-timeout")) << load;
   }
