@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian package from a finished build directory, installs it into this
-# machine, checks its files and unit, runs the installed daemon on the demo set with the
+# machine over an older one (unpacked first and configured after, as a cut-short upgrade
+# leaves it), checks its files and unit, runs the installed daemon on the demo set with the
 # sim bus as the service user, then removes and purges it and checks what stays.
 # Usage: package_test.sh <build dir>. Needs root (CI runs as root): exit 77 (skip) otherwise.
 set -euo pipefail
@@ -32,7 +33,24 @@ DEB="$(ls "$WORK"/out/korvo_*_"$(dpkg --print-architecture)".deb 2>/dev/null | h
 echo "built $(basename "$DEB")"
 dpkg-deb -I "$DEB" conffiles | grep -qx "/etc/korvo/korvo.conf" || fail "korvo.conf is not a conffile"
 
-echo "== dpkg -i"
+echo "== an older package with the owner's files, then this one over it"
+(cd "$BUILD" && cpack -G DEB -B "$WORK/old" -D CPACK_PACKAGE_VERSION=0.9~old >>"$WORK/cpack.log" 2>&1) ||
+  { cat "$WORK/cpack.log"; fail "cpack of the older package"; }
+dpkg -i "$WORK"/old/korvo_0.9~old_*.deb >"$WORK/dpkg.log" 2>&1 || { cat "$WORK/dpkg.log"; fail "dpkg -i older"; }
+echo "owner's set" >/var/lib/korvo/sets/mine.txt
+echo "volume=33" >/var/lib/korvo/va.ini
+echo "# owner's change before the upgrade" >>/etc/korvo/korvo.conf
+# Unpacked but not configured is what an upgrade cut short leaves; configure completes it.
+dpkg --unpack "$DEB" >"$WORK/dpkg.log" 2>&1 || { cat "$WORK/dpkg.log"; fail "dpkg --unpack"; }
+dpkg-query -W -f='${Status}' korvo | grep -q "unpacked" || fail "not left unpacked: $(dpkg-query -W -f='${Status}' korvo)"
+dpkg --configure korvo >"$WORK/dpkg.log" 2>&1 || { cat "$WORK/dpkg.log"; fail "dpkg --configure"; }
+[ "$(dpkg-query -W -f='${Version}' korvo)" != "0.9~old" ] || fail "still the older version"
+[ "$(cat /var/lib/korvo/sets/mine.txt)" = "owner's set" ] || fail "owner's set lost on upgrade"
+grep -q "volume=33" /var/lib/korvo/va.ini || fail "va.ini lost on upgrade"
+grep -q "before the upgrade" /etc/korvo/korvo.conf || fail "korvo.conf replaced on upgrade"
+rm -f /var/lib/korvo/sets/mine.txt /var/lib/korvo/va.ini
+
+echo "== dpkg -i over itself"
 dpkg -i "$DEB" >"$WORK/dpkg.log" 2>&1 || { cat "$WORK/dpkg.log"; fail "dpkg -i"; }
 for f in /usr/bin/korvo /usr/share/korvo/html/index.html /usr/share/korvo/sounds/ready.ogg \
          /usr/share/korvo/examples/demo/velt-demo/config.ini /lib/systemd/system/korvo.service \
