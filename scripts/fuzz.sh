@@ -35,7 +35,7 @@ run_one() {
   mkdir -p "$corpus"
   local dirs=("$corpus")
   [ -d "$seeds" ] && dirs+=("$seeds")
-  if "$BUILD/fuzz/$t" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 -timeout=25 \
+  if "$BUILD/fuzz/$t" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 -timeout=60 \
        -rss_limit_mb=2048 -artifact_prefix="$BUILD/crashes/$t-" "${dirs[@]}" >"$BUILD/$t.log" 2>&1; then
     echo "ok   $t: $(grep -o 'stat::number_of_executed_units: [0-9]*' "$BUILD/$t.log" | grep -o '[0-9]*$') runs"
   else
