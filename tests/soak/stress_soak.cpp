@@ -5,6 +5,7 @@
 // front-panel loads once their parts are wired in (see soak_hooks.h). Prints the
 // process's RSS, open files and threads at start and end, and for every load what was
 // sent and what was answered or dropped, by reason. Nothing may go unaccounted.
+#include <SDL2/SDL_thread.h>
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netinet/in.h>
@@ -148,6 +149,7 @@ void Soak::setSwitching(const std::atomic<bool>& stop) {
     count("set-switch", "button");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // a person's pace, not a test wait
   }
+  SDL_TLSCleanup();  // the set switch ran SDL calls on this thread
 }
 
 void Soak::udpEvents(const std::atomic<bool>& stop, EventService& events) {
@@ -201,6 +203,8 @@ TEST_F(Soak, EveryLoadAtOnceForMinutes) {
   EXPECT_TRUE(test::waitFor([&] { return events.eventsDelivered() + events.datagramsDropped() == counted("udp", "sent"); }));
   count("udp", "dropped (binary)", events.datagramsDropped());
 
+  // The service closes the flood's connections once it sees their ends: let it.
+  test::waitFor([&] { return processFigures().openFiles <= before.openFiles + 2; });
   const ProcessFigures after = processFigures();
   printf("soak: end: RSS %ld KiB, open files %d, threads %d\n", after.rssKiB, after.openFiles, after.threads);
   printCounts();
