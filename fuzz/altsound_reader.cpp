@@ -11,13 +11,12 @@
 #include "base/log.h"
 #include "soundsets/altsound.h"
 #include "soundsets/sample_index.h"
+#include "scratch.h"
 
 namespace {
 
-std::string scratchDir() {
-  char tmpl[] = "/tmp/korvo-fuzz-alt-XXXXXX";
-  const char* dir = mkdtemp(tmpl);
-  std::string d = dir ? dir : "/tmp";
+std::string prepareDir() {
+  const std::string d = korvo::fuzz::scratchDir("alt");
   korvo::writeFileAtomic(d + "/a.ogg", "a");
   korvo::writeFileAtomic(d + "/b.ogg", "b");
   std::filesystem::create_directories(d + "/Sub");
@@ -28,7 +27,7 @@ std::string scratchDir() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string dir = scratchDir();
+  static const std::string dir = prepareDir();
   korvo::setLogLevel(korvo::LEVEL_NONE);
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   // The first byte picks the table kind, the rest is the table.

@@ -12,15 +12,12 @@
 #include "base/log.h"
 #include "core/settings.h"
 #include "soundsets/sample_index.h"
+#include "scratch.h"
 
 namespace {
 
 std::string& tempDir() {
-  static std::string dir = [] {
-    char tmpl[] = "/tmp/korvo-fuzz-mapping-XXXXXX";
-    korvo::setLogLevel(korvo::LEVEL_NONE);
-    return std::string(mkdtemp(tmpl) ? tmpl : "/tmp");
-  }();
+  static std::string dir = korvo::fuzz::scratchDir("mapping");
   return dir;
 }
 

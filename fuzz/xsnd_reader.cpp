@@ -13,15 +13,11 @@
 #include "soundsets/sample_index.h"
 #include "soundsets/streams.h"
 #include "soundsets/xsnd.h"
+#include "scratch.h"
 
 namespace {
 
-std::string scratchFile() {
-  char tmpl[] = "/tmp/korvo-fuzz-xsnd-XXXXXX";
-  int fd = mkstemp(tmpl);
-  if (fd >= 0) close(fd);
-  return tmpl;
-}
+std::string scratchFile() { return korvo::fuzz::scratchDir("xsnd") + "/in.xsnd"; }
 
 }  // namespace
 

@@ -1,29 +1,57 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS (default 60).
-# Exits non-zero if any target finds a crash. Usage: scripts/fuzz.sh [target-name ...]
+# Builds the libFuzzer targets (the clang ASan+UBSan build, build-fuzz/) and runs each for
+# FUZZ_SECONDS (default 60), FUZZ_PARALLEL (default 1) at a time, starting from its
+# regression seeds in fuzz/seeds/<name>. New inputs go to fuzz/corpus-<name> (not in git);
+# a crashing input is kept as build-fuzz/crashes/<target>-crash-*: copy it into
+# fuzz/seeds/<name> once fixed. Exits non-zero if any target failed.
+# Usage: scripts/fuzz.sh [--no-build] [target-name ...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+build=1
+if [ "${1:-}" = "--no-build" ]; then build=0; shift; fi
+source scripts/configure.sh
+if [ "$build" = 1 ]; then
+  bash scripts/setup.sh
+  korvo_configure_fuzz
+  cmake --build "$KORVO_BUILD_DIR" -j"$(nproc)"
+else
+  KORVO_BUILD_DIR=build-fuzz
+fi
+BUILD="$KORVO_BUILD_DIR"
 SECONDS_PER_TARGET="${FUZZ_SECONDS:-60}"
-BUILD=build-fuzz
-CC=clang CXX=clang++ cmake -S . -B "$BUILD" -DKORVO_FUZZ=ON -DKORVO_TESTS=OFF -DKORVO_BENCH=OFF \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$BUILD" -j"$(nproc)" >/dev/null
+PARALLEL="${FUZZ_PARALLEL:-1}"
 targets=("$@")
 if [ "${#targets[@]}" -eq 0 ]; then
   mapfile -t targets < <(find "$BUILD/fuzz" -maxdepth 1 -type f -executable -name 'fuzz_*' -printf '%f\n' | sort)
 fi
-status=0
-for t in "${targets[@]}"; do
-  corpus="fuzz/corpus-${t#fuzz_}"
+[ "${#targets[@]}" -gt 0 ] || { echo "fuzz.sh: no fuzz targets in $BUILD/fuzz"; exit 1; }
+mkdir -p "$BUILD/crashes"
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
+
+# Runs one target; its output goes to $BUILD/<target>.log, the verdict to stdout.
+run_one() {
+  local t="$1" name="${1#fuzz_}"
+  local corpus="fuzz/corpus-$name" seeds="fuzz/seeds/$name"
   mkdir -p "$corpus"
-  seeds="fuzz/seeds/${t#fuzz_}"
-  [ -d "$seeds" ] || seeds=""
-  echo "== $t for ${SECONDS_PER_TARGET}s"
-  if ! "$BUILD/fuzz/$t" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 "$corpus" $seeds 2>"$BUILD/$t.log"; then
-    echo "!! $t found a problem: see $BUILD/$t.log"; status=1
+  local dirs=("$corpus")
+  [ -d "$seeds" ] && dirs+=("$seeds")
+  if "$BUILD/fuzz/$t" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 -timeout=60 \
+       -rss_limit_mb=2048 -artifact_prefix="$BUILD/crashes/$t-" "${dirs[@]}" >"$BUILD/$t.log" 2>&1; then
+    echo "ok   $t: $(grep -o 'stat::number_of_executed_units: [0-9]*' "$BUILD/$t.log" | grep -o '[0-9]*$') runs"
   else
-    grep -E 'stat::number_of_executed_units' "$BUILD/$t.log" || true
+    echo "FAIL $t: see $BUILD/$t.log"; grep -m3 -E "ERROR|SUMMARY|Test unit written" "$BUILD/$t.log" || true
+    return 1
+  fi
+}
+
+status=0
+pids=()
+for t in "${targets[@]}"; do
+  run_one "$t" & pids+=($!)
+  if [ "${#pids[@]}" -ge "$PARALLEL" ]; then
+    wait "${pids[0]}" || status=1
+    pids=("${pids[@]:1}")
   fi
 done
+for p in "${pids[@]}"; do wait "$p" || status=1; done
 exit $status

@@ -4,7 +4,7 @@
 // on SDL's disk driver paced in real time. Figures are ratios to one audio buffer
 // (target p99.9 <= 1.05, as without the flood).
 //
-//   bench_onset_under_http [commands per phase] [flooding clients]
+//   bench_onset_under_http [commands per phase] [flooding clients] [buffer frames]
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -55,6 +55,7 @@ void report(const char* label, const std::vector<double>& ms, int sent, double b
 int main(int argc, char** argv) {
   const int commands = argc > 1 ? std::max(10, std::atoi(argv[1])) : 1500;
   const int clients = argc > 2 ? std::max(1, std::atoi(argv[2])) : 4;
+  const int bufferFrames = argc > 3 ? std::atoi(argv[3]) : 0;  // 0: the engine's default
   setLogLevel(LEVEL_WARN);
   const fs::path dir = fs::temp_directory_path() / ("korvo-bench-web-" + std::to_string(getpid()));
   const fs::path base = dir / "sets";
@@ -75,6 +76,7 @@ int main(int argc, char** argv) {
     engine.setAnnounceSoundSet(false);
     engine.setTransientSettingsFile((dir / "va.ini").string());
     engine.setOnsetObserver(&Onsets::observe, &onsets);
+    if (bufferFrames > 0) engine.setBufferFrames(bufferFrames);
     if (engine.soundInit(100, base.c_str(), 2, 44100) != 0 || engine.startSoundSets(base.string()) <= 0) {
       std::fprintf(stderr, "audio engine did not start\n");
       rc = 1;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -90,6 +91,14 @@ int removeStaleTemporaries(const std::string& dir, int depth) {
   return removed;
 }
 
+namespace {
+std::atomic<bool> fileSyncEnabled{true};
+}  // namespace
+
+int syncFd(int fd) { return fileSyncEnabled.load(std::memory_order_relaxed) ? fsync(fd) : 0; }
+
+void setFileSyncEnabled(bool on) { fileSyncEnabled.store(on, std::memory_order_relaxed); }
+
 int writeFileAtomic(const std::string& path, std::string_view content) {
   std::string tmpl = temporaryNameFor(path);
   Fd fd(mkstemp(tmpl.data()));
@@ -100,7 +109,7 @@ int writeFileAtomic(const std::string& path, std::string_view content) {
   // Keep the permissions of the file being replaced; mkstemp makes it 0600.
   struct stat st{};
   fchmod(fd.get(), ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644);
-  bool ok = writeAll(fd.get(), content) && fsync(fd.get()) == 0;
+  bool ok = writeAll(fd.get(), content) && syncFd(fd.get()) == 0;
   int err = errno;
   if (fd.close() != 0) ok = false;
   if (!ok || rename(tmpl.c_str(), path.c_str()) != 0) {
@@ -115,7 +124,7 @@ int writeFileAtomic(const std::string& path, std::string_view content) {
 
 void syncDirectoryOf(const std::string& path) {
   Fd dir(::open(dirOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dir) fsync(dir.get());
+  if (dir) syncFd(dir.get());
 }
 
 bool readWholeFile(const std::string& path, std::string& out) {

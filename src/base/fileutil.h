@@ -20,6 +20,12 @@ bool isOwnTemporary(std::string_view name);
 // followed); nothing else is touched. Returns how many were removed.
 int removeStaleTemporaries(const std::string& dir, int depth = 0);
 
+// fsync(fd), or 0 at once when syncing is switched off. Every crash-safe writer syncs
+// through this. Fuzz targets switch it off: their files are thrown away, and the disk
+// must not set the pace of a run. The switch is process-wide, set before any thread writes.
+int syncFd(int fd);
+void setFileSyncEnabled(bool on);
+
 // 0 on success, -1 with an ERROR line (the target is then untouched).
 int writeFileAtomic(const std::string& path, std::string_view content);
 // Copies `from` over `to` atomically. 0 on success, -1 with an ERROR line.

@@ -40,7 +40,7 @@ int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std
     std::vector<CompFileChunk> before = s.filechunks;
     s.filechunks.resize(n);
     rc = writeFileChunk(f, uploadedPath, s, n);
-    if (fflush(f) != 0 || fsync(fileno(f)) != 0) rc = -1;
+    if (fflush(f) != 0 || syncFd(fileno(f)) != 0) rc = -1;
     if (rc != 0) {
       // Leave the container as it was rather than with a half chunk at its end.
       if (ftruncate(fileno(f), oldEnd) != 0) LOG(LEVEL_ERROR, "cannot restore '%s'", s.basepath.c_str());

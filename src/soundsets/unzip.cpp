@@ -90,7 +90,7 @@ int extractEntry(zip_t* za, zip_uint64_t index, const zip_stat_t& st, const std:
   }
   fchmod(fd.get(), 0644);
   int rc = copyEntry(zf.get(), st, fd.get(), dest);
-  if (rc == UNZIP_OK && (fsync(fd.get()) != 0 || fd.close() != 0)) {
+  if (rc == UNZIP_OK && (syncFd(fd.get()) != 0 || fd.close() != 0)) {
     LOG(LEVEL_ERROR, "cant write destination file: %s: %s", dest.c_str(), strerror(errno));
     rc = UNZIP_DEST_CREATE;
   }

@@ -123,7 +123,7 @@ class ContainerFile {
     return -1;
   }
   int commit() {
-    if (fflush(file_.get()) != 0 || fsync(fileno(file_.get())) != 0) return fail("flush");
+    if (fflush(file_.get()) != 0 || syncFd(fileno(file_.get())) != 0) return fail("flush");
     if (fclose(file_.release()) != 0) return fail("close");
     if (::rename(tmp_.c_str(), path_.c_str()) != 0) return fail(strerror(errno));
     committed_ = true;
@@ -233,7 +233,7 @@ int markChunkAsDeleted(const std::string& container, CompFileChunk& chunk) {
     return -1;
   }
   if (fseeko(f.get(), static_cast<off_t>(chunk.offset) - 2, SEEK_SET) != 0 || !writeUint16(f.get(), 0) ||
-      fflush(f.get()) != 0 || fsync(fileno(f.get())) != 0) {
+      fflush(f.get()) != 0 || syncFd(fileno(f.get())) != 0) {
     LOG(LEVEL_ERROR, "failed to mark chunk at %u of '%s' deleted", chunk.offset, container.c_str());
     return -1;
   }

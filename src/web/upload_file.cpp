@@ -63,7 +63,7 @@ bool UploadFile::write(const char* data, std::size_t size) {
 
 bool UploadFile::finish() {
   if (!fd_) return exists();
-  bool ok = fsync(fd_.get()) == 0;
+  bool ok = syncFd(fd_.get()) == 0;
   int err = errno;
   if (fd_.close() != 0) {
     ok = false;
