@@ -112,7 +112,7 @@ test("a set is exported as an AltSound pack and handed to the browser as a downl
   const cdp = await page.createCDPSession();
   await cdp.send("Browser.setDownloadBehavior", { behavior: "allow", downloadPath: daemon.root });
   const answered = page.waitForResponse((r) => r.url().endsWith("/soundsets/velt-demo/altsound.zip"));
-  await page.click('button[aria-label="Export velt-demo as an AltSound pack"]');
+  await page.click('button[aria-label="Export AltSound: velt-demo"]');
   const r = await answered;
   assert.equal(r.status(), 200);
   assert.equal(r.headers()["content-type"], "application/zip");

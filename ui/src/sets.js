@@ -9,6 +9,7 @@ const setPath = (name) => name.split("/").map(encodeURIComponent).join("/");
 function SetRow({ set, act, reload }) {
   const doThen = (fn) => act.run(fn).then(reload);
   const [exporting, setExporting] = useState(false);
+  const exportText = exporting ? "Exporting…" : "Export AltSound";
   const exportPack = () => {
     setExporting(true);
     act
@@ -24,7 +25,7 @@ function SetRow({ set, act, reload }) {
       <button type="button" disabled=${set.selected || act.busy} onClick=${() => doThen(() => get(`/soundsets/${set.id}`))}
         aria-label=${`Switch to ${set.name}`}>Switch</button>
       <button type="button" class="export" disabled=${act.busy} onClick=${exportPack} aria-busy=${exporting}
-        aria-label=${`Export ${set.name} as an AltSound pack`}>${exporting ? "Exporting…" : "Export AltSound"}</button>
+        aria-label=${`${exportText}: ${set.name}`}>${exportText}</button>
       <${ConfirmButton} label="Remove" question=${`Delete ${set.name} from the device?`} disabled=${act.busy}
         onConfirm=${() => doThen(() => get(`/soundsets/${set.id}/remove`))} />
     </span>
