@@ -336,12 +336,16 @@ TypeColumns typeColumns(AudioType type) {
 // Copies file `i` of `s` beside the exported CSV as "0xIIII-<name>"; the copy's
 // name. Audio of a container set comes from its chunk, never from the path its index
 // names (containerFilesHaveChunks ran first).
-std::string copyBesideCsv(const AudioSample& s, std::size_t i, bool fromContainer, const std::string& csvDir) {
+std::string copyBesideCsv(const AudioSample& s, std::size_t i, bool fromContainer, const std::string& csvDir,
+                          bool& copied) {
   const std::string& file = s.samples[i];
   std::string copyName = strFormat("0x%04X-%s", s.id, std::string(_basename(file)).c_str());
   std::string dest = csvDir + "/" + copyName;
   int crc = fromContainer ? extractContainerFile(s.basepath, s.filechunks[i], dest) : copyFileAtomic(file, dest);
-  if (crc != 0) LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
+  if (crc != 0) {
+    LOG(LEVEL_ERROR, "could not copy %s to %s", file.c_str(), dest.c_str());
+    copied = false;
+  }
   return copyName;
 }
 
@@ -497,15 +501,21 @@ int writeSamplesToCsv(SampleIndex& index, const std::string& csvPath, const std:
   const std::string csvDir = slash == std::string::npos ? "." : csvPath.substr(0, slash);
   std::string out = "ID,CHANNEL,DUCK,GAIN,LOOP,STOP,NAME,FNAME,GROUP,SHAKER,SERIAL,PRELOAD,STOPCMD,TYPE\n";
   int rows = 0;
+  bool copied = true;
   for (auto& node : index.samplesMap()) {
     const AudioSample* s = node.value.get();
     if (s == nullptr) continue;
     for (std::size_t i = 0; i < s->samples.size(); ++i) {
       std::string fname = relativeTo(basePath, s->samples[i]);
-      if (copyFiles) fname = copyBesideCsv(*s, i, index.setType() == XSNDFILE, csvDir);
+      if (copyFiles) fname = copyBesideCsv(*s, i, index.setType() == XSNDFILE, csvDir, copied);
       out += csvExportRow(*s, fname);
       ++rows;
     }
+  }
+  // A table naming copies that are not there is no pack.
+  if (!copied) {
+    LOG(LEVEL_ERROR, "export to %s failed: not every sample file could be copied", csvPath.c_str());
+    return -1;
   }
   if (writeFileAtomic(csvPath, out) != 0) return -1;
   LOG(LEVEL_INFO, "wrote %d rows to %s", rows, csvPath.c_str());

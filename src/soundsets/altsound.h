@@ -47,7 +47,8 @@ int refreshCsvTable(const AudioSample& sample);
 
 // Exports the loaded set as an altsound.csv that PinMAME's readers and ours read: one
 // row per file, FNAME relative to `basePath`; with copyFiles each file is copied
-// beside the CSV as "0xIIII-<name>" and FNAME names the copy. 0, or -1 on failure.
+// beside the CSV as "0xIIII-<name>" and FNAME names the copy. 0, or -1 on failure
+// (also when a copy failed; the CSV is then not written).
 int writeSamplesToCsv(SampleIndex& index, const std::string& csvPath, const std::string& basePath, bool copyFiles);
 
 // ---- CSV lexing (exposed for tests and the fuzz target) ----

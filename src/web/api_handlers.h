@@ -30,6 +30,8 @@ KORVO_SIMPLE_HANDLER(handleSwitchSoundSet);
 KORVO_SIMPLE_HANDLER(handleRemoveSoundSet);
 KORVO_SIMPLE_HANDLER(handleGetCurrentSoundSet);
 KORVO_SIMPLE_HANDLER(handleSoundSetnext);
+// "/soundsets/<name>/altsound.zip": the set as an AltSound pack (application/zip download)
+KORVO_SIMPLE_HANDLER(handleExportAltSound);
 // volume, gain and ducking per type
 KORVO_SIMPLE_HANDLER(handleGetVolume);
 KORVO_SIMPLE_HANDLER(handleSetVolume);

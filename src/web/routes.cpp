@@ -67,6 +67,7 @@ const RequestHandlerMapping kMappings[kRouteCount] = {
     get("^/firmware/auto$", handleDownloadFirmwareAuto),
     get("^/display$", handleGetDisplay),
     get("^/sounds/playing$", handleGetPlaying),
+    get("^/soundsets/.+/altsound\\.zip$", handleExportAltSound),
     post("^/config$", CONFIG_POST, configPostCallback),
     post("^/recording$", UPLOAD_REC_POST, recordingPostCallback),
     post("^/soundsets$", SOUNDSET_UPLOAD_POST, uploadSoundsetPostCallback),

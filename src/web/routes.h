@@ -23,7 +23,7 @@ struct RequestHandlerMapping {
   PostCallbackHandler postCallback;  // POSTCB rows (POST)
 };
 
-constexpr std::size_t kRouteCount = 59;
+constexpr std::size_t kRouteCount = 60;
 // The table, in match order.
 std::span<const RequestHandlerMapping> reqMappings();
 

@@ -105,3 +105,23 @@ test("a sample file is added with its waveform, and removed only after a confirm
   assert.deepEqual(page.errors, []);
   await page.close();
 });
+
+test("a set is exported as an AltSound pack and handed to the browser as a download", async () => {
+  const page = await t.openPage(browser, daemon, "#/sets");
+  await t.viewLoaded(page);
+  const cdp = await page.createCDPSession();
+  await cdp.send("Browser.setDownloadBehavior", { behavior: "allow", downloadPath: daemon.root });
+  const answered = page.waitForResponse((r) => r.url().endsWith("/soundsets/velt-demo/altsound.zip"));
+  await page.click('button[aria-label="Export AltSound: velt-demo"]');
+  const r = await answered;
+  assert.equal(r.status(), 200);
+  assert.equal(r.headers()["content-type"], "application/zip");
+  assert.equal(r.headers()["content-disposition"], 'attachment; filename="velt-demo-altsound.zip"');
+  await page.waitForSelector("[role=status] ::-p-text(Saved velt-demo-altsound.zip.)");
+  const saved = path.join(daemon.root, "velt-demo-altsound.zip");
+  await t.waitFor(() => fs.existsSync(saved) && fs.statSync(saved).size > 0, "the saved pack");
+  assert.equal(fs.readFileSync(saved).subarray(0, 4).toString("latin1"), "PK\x03\x04");
+  assert.ok(!fs.readdirSync(daemon.base).some((n) => n.startsWith(".altsound-export")), "no staging left");
+  assert.deepEqual(page.errors, []);
+  await page.close();
+});

@@ -95,5 +95,34 @@ export async function getBytes(path) {
   return new Uint8Array(await r.arrayBuffer());
 }
 
+// A file the device builds on request, fetched so that a refusal (a JSON error answer)
+// shows its message instead of being saved, then handed to the browser as a download
+// under the name the device gives it.
+export async function download(path, fallbackName) {
+  let r;
+  try {
+    r = await fetch(path, { cache: "no-store" });
+  } catch {
+    connection.lost();
+    throw new ApiError(lostMessage);
+  }
+  if (!r.ok || (r.headers.get("Content-Type") || "").startsWith("application/json")) {
+    parseAnswer(r.status, r.ok, await r.text());
+    throw new ApiError("The device sent no file.", r.status);
+  }
+  const blob = await r.blob();
+  const m = /filename="([^"]+)"/.exec(r.headers.get("Content-Disposition") || "");
+  const name = m ? m[1] : fallbackName;
+  const url = URL.createObjectURL(blob);
+  const a = document.createElement("a");
+  a.href = url;
+  a.download = name;
+  document.body.appendChild(a);
+  a.click();
+  a.remove();
+  setTimeout(() => URL.revokeObjectURL(url), 60000);
+  return { message: `Saved ${name}.` };
+}
+
 export const TYPES = ["unknown", "music", "sfx", "voice", "jingle", "single", "system"];
 export const SET_KINDS = ["directory", "xsnd container", "zip", "AltSound table"];

@@ -1,9 +1,21 @@
-// Sound sets: the installed ones, switch, next, remove, upload.
-import { get, SET_KINDS } from "./api.js";
+// Sound sets: the installed ones, switch, next, remove, export as an AltSound pack, upload.
+import { useState } from "preact/hooks";
+import { download, get, SET_KINDS } from "./api.js";
 import { html, useLoad, useAction, Notice, Loading, Section, ConfirmButton, UploadForm } from "./ui.js";
+
+// The set's name as a URL path (a set below a folder keeps its slashes).
+const setPath = (name) => name.split("/").map(encodeURIComponent).join("/");
 
 function SetRow({ set, act, reload }) {
   const doThen = (fn) => act.run(fn).then(reload);
+  const [exporting, setExporting] = useState(false);
+  const exportText = exporting ? "Exporting…" : "Export AltSound";
+  const exportPack = () => {
+    setExporting(true);
+    act
+      .run(() => download(`/soundsets/${setPath(set.name)}/altsound.zip`, `${set.name}-altsound.zip`))
+      .finally(() => setExporting(false));
+  };
   return html`<li class=${set.selected ? "set selected" : "set"}>
     <span class="set-name">
       <strong>${set.id}: ${set.name}</strong>
@@ -12,6 +24,8 @@ function SetRow({ set, act, reload }) {
     <span class="actions">
       <button type="button" disabled=${set.selected || act.busy} onClick=${() => doThen(() => get(`/soundsets/${set.id}`))}
         aria-label=${`Switch to ${set.name}`}>Switch</button>
+      <button type="button" class="export" disabled=${act.busy} onClick=${exportPack} aria-busy=${exporting}
+        aria-label=${`${exportText}: ${set.name}`}>${exportText}</button>
       <${ConfirmButton} label="Remove" question=${`Delete ${set.name} from the device?`} disabled=${act.busy}
         onConfirm=${() => doThen(() => get(`/soundsets/${set.id}/remove`))} />
     </span>
