@@ -151,7 +151,7 @@ class PanelDriver {
       nextSet();  // a short press switches the set
     });
     now_ = static_cast<unsigned>(millis());
-    potAt(volumeLow_);
+    potAt(potHere_);
     if (!panel_.initDataEastVolume()) return false;
     // The pot at rest (no volume change) until a full window of readings says where.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -176,8 +176,8 @@ class PanelDriver {
     press(60);
     count_("sent click");
     loop(1000);
-    std::swap(volumeLow_, volumeHigh_);
-    potAt(volumeLow_);
+    std::swap(potHere_, potThere_);
+    potAt(potHere_);
     count_("sent pot");
     untilPotAnswered();
     gpio_.setInput(PanelButton::kPin, LOW);
@@ -263,8 +263,8 @@ class PanelDriver {
   unsigned now_ = 0;
   bool up_ = true;
   int potAnswers_ = 0;
-  int volumeLow_ = 40;
-  int volumeHigh_ = 100;
+  int potHere_ = 40;  // volumes the pot is turned between
+  int potThere_ = 100;
 };
 
 void runPanelInput(SoakParts& parts, const std::atomic<bool>& stop, const Count& count) {
