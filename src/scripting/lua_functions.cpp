@@ -6,6 +6,8 @@
 #include <lauxlib.h>
 #include <lua.h>
 
+#include <SDL2/SDL_thread.h>
+
 #include <exception>
 #include <optional>
 #include <string>
@@ -37,7 +39,14 @@ int guarded(lua_State* L) {
 int toInt(lua_State* L, int arg) { return static_cast<int>(luaL_checkinteger(L, arg)); }
 int optInt(lua_State* L, int arg, int def) { return static_cast<int>(luaL_optinteger(L, arg, def)); }
 
+// SDL keeps error state for every thread that calls into it through the engine: each
+// thread that runs scripts (the event service's among them) releases it when it ends.
+struct SdlThreadState {
+  ~SdlThreadState() { SDL_TLSCleanup(); }
+};
+
 SoundEngine* engineFor(lua_State* L, const char* fn) {
+  thread_local SdlThreadState sdlState;
   SoundEngine* e = bindingFrom(L).engine();
   if (!e) LOG(LEVEL_ERROR, "%s: the sound engine is not running", fn);
   return e;

@@ -1,8 +1,8 @@
-// Loads of the stress soak that belong to parts built on other branches. Each is empty
-// until the integrator wires it (soak_hooks.cpp): the Lua event flood (events through the
-// UDP service into Lua's eventHandler, and Lua commands calling back into the engine)
-// and the front-panel input (encoder turns, button presses, ADC volume on the sim I2C
-// devices). An empty hook is reported as not wired and the soak runs without it.
+// Loads of the stress soak for the parts beside the bus and the web service: the Lua
+// event flood (UDP events into Lua's eventHandler, which plays sounds, and the engine's
+// posts into Lua from another thread) and the front-panel input (encoder turns and
+// clicks, button presses, the Data East volume pot on the sim ADC). A load without a
+// `run` is reported as not wired and the soak runs without it.
 #pragma once
 
 #include <atomic>
@@ -23,14 +23,14 @@ struct SoakParts {
 
 struct SoakLoad {
   std::string name;
-  // Runs on its own thread until `stop`; `count("sent")`, `count("answered")`,
-  // `count("dropped <reason>")` for each command it gives.
+  // Runs on its own thread until `stop`; `count("sent <what>")` for each command it
+  // gives and `count("answered <what>")` or `count("dropped <reason>")` for its fate.
   std::function<void(SoakParts& parts, const std::atomic<bool>& stop, const std::function<void(const std::string&)>& count)> run;
 };
 
 namespace soak {
-extern const SoakLoad luaEventLoad;    // INTEGRATION HOOK: Lua events
-extern const SoakLoad panelInputLoad;  // INTEGRATION HOOK: front-panel input
+extern const SoakLoad luaEventLoad;
+extern const SoakLoad panelInputLoad;
 }  // namespace soak
 
 }  // namespace korvo

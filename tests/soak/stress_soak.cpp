@@ -2,9 +2,9 @@
 // ASan by scripts/soak.sh): for KORVO_SOAK_SECONDS (default 300) at once a bus flood
 // cycling through every wire protocol, an HTTP flood, sample uploads and removals, set
 // switching from the web page and the button, UDP events, and the Lua-event and
-// front-panel loads once their parts are wired in (see soak_hooks.h). Prints the
-// process's RSS, open files and threads at start and end, and for every load what was
-// sent and what was answered or dropped, by reason. Nothing may go unaccounted.
+// front-panel loads (see soak_hooks.h). Prints the process's RSS, open files and
+// threads at start and end, and for every load what was sent and what was answered or
+// dropped, by reason. Nothing may go unaccounted.
 #include <SDL2/SDL_thread.h>
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -219,6 +219,14 @@ TEST_F(Soak, EveryLoadAtOnceForMinutes) {
     for (const auto& [outcome, k] : counts_["http"]) n += outcome == "sent" ? 0 : k;
     return n;
   }());
+  // The hooks' loads: every command sent was answered or dropped with a reason.
+  for (const SoakLoad& hook : {soak::luaEventLoad, soak::panelInputLoad}) {
+    std::lock_guard lock(countsMutex_);
+    uint64_t sent = 0, settled = 0;
+    for (const auto& [outcome, n] : counts_[hook.name])
+      (outcome.rfind("sent", 0) == 0 ? sent : settled) += n;
+    EXPECT_EQ(sent, settled) << hook.name;
+  }
   EXPECT_LE(after.openFiles, before.openFiles + 2);
   EXPECT_LE(after.threads, before.threads + 2);
   // Samples are cached up to the pool's size; anything above it is a leak.

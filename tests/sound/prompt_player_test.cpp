@@ -100,12 +100,18 @@ TEST_F(Prompts, BootSoundPlaysToItsEndBeforeTheNextPrompt) {
 // Prompts queued behind each other play in order; none is halted by the next; stop
 // forgets the queue.
 TEST_F(Prompts, QueueKeepsOrderAndStopForgetsIt) {
-  openEngine("", "200");  // a slow device: the first prompt plays for many seconds
+  // The player gives a prompt up once its length plus a short grace has passed on the wall
+  // clock, so a short first prompt could be skipped while a loaded machine stalls this
+  // thread. The first prompt lasts minutes (and longer still on the slow device): it is
+  // the one playing whenever the test looks.
+  const std::string longPrompt = (dir.path() / "long.wav").string();
+  test::writeSineWav(longPrompt, 300, 1000, 440.0, 2000);
+  openEngine("", "200");
   test::LogCapture cap;
-  for (const char* p : {"1.ogg", "2.ogg", "3.ogg"}) EXPECT_EQ(0, engine->playSystemSound(p, 0));
+  for (const char* p : {longPrompt.c_str(), "2.ogg", "3.ogg"}) EXPECT_EQ(0, engine->playSystemSound(p, 0));
   EXPECT_EQ(1, engine->checkPlaying());
   EXPECT_EQ(2, engine->prompts().queued());
-  EXPECT_EQ(std::vector<std::string>{"1.ogg"}, promptsPlayed(cap.text()));
+  EXPECT_EQ(std::vector<std::string>{"long.wav"}, promptsPlayed(cap.text()));
   engine->stopSystemSound();
   EXPECT_TRUE(engine->prompts().idle());
   EXPECT_EQ(0, engine->checkPlaying());
