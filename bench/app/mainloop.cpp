@@ -17,35 +17,10 @@
 #include <thread>
 
 #include "base/handles.h"
+#include "common/main_thread_cpu.h"
 #include "platform/clock.h"
 
 namespace {
-
-unsigned long long threadRunNs(pid_t pid, pid_t tid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/schedstat");
-  unsigned long long ns = 0;
-  in >> ns;
-  return ns;
-}
-
-// Run time of the child's main thread over `seconds`, after a one-second warm-up.
-double measure(pid_t pid, int seconds) {
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  unsigned long long a = threadRunNs(pid, pid);
-  auto t0 = std::chrono::steady_clock::now();
-  std::this_thread::sleep_for(std::chrono::seconds(seconds));
-  unsigned long long b = threadRunNs(pid, pid);
-  double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  // A child that is gone before the end measured nothing: say so instead of printing 0.
-  int status = 0;
-  if (waitpid(pid, &status, WNOHANG) == pid) {
-    fprintf(stderr, "measured process %d ended early (status 0x%x)\n", pid, status);
-    exit(1);
-  }
-  kill(pid, SIGTERM);
-  waitpid(pid, &status, 0);
-  return static_cast<double>(b - a) / 1e9 / wall;  // CPU seconds per second
-}
 
 }  // namespace
 
@@ -68,7 +43,7 @@ int main(int argc, char** argv) {
     // The reference: nothing but the millisecond-aligned sleep the main loop does.
     for (;;) usleep(static_cast<useconds_t>(1000 - korvo::micros() % 1000));
   }
-  double sleepLoad = measure(sleeper, seconds);
+  double sleepLoad = korvo::bench::mainThreadCpu(sleeper, seconds);
 
   pid_t daemon = fork();
   if (daemon == 0) {
@@ -81,7 +56,7 @@ int main(int argc, char** argv) {
     execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  double loopLoad = measure(daemon, seconds);
+  double loopLoad = korvo::bench::mainThreadCpu(daemon, seconds);
 
   printf("empty 1 kHz sleep loop : %.4f%% of one core\n", sleepLoad * 100);
   printf("idle korvo main thread : %.4f%% of one core\n", loopLoad * 100);

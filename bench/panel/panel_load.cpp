@@ -19,36 +19,12 @@
 #include <thread>
 
 #include "base/handles.h"
+#include "common/main_thread_cpu.h"
 #include "core/settings.h"
 #include "panel/front_panel.h"
 #include "platform/sim_gpio.h"
 
 namespace {
-
-unsigned long long threadRunNs(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/schedstat");
-  unsigned long long ns = 0;
-  in >> ns;
-  return ns;
-}
-
-// CPU seconds per second of the child's main thread over `seconds`, after a warm-up.
-double measure(pid_t pid, int seconds) {
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  const unsigned long long a = threadRunNs(pid);
-  const auto t0 = std::chrono::steady_clock::now();
-  std::this_thread::sleep_for(std::chrono::seconds(seconds));
-  const unsigned long long b = threadRunNs(pid);
-  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  int status = 0;
-  if (waitpid(pid, &status, WNOHANG) == pid) {
-    fprintf(stderr, "measured process %d ended early (status 0x%x)\n", pid, status);
-    exit(1);
-  }
-  kill(pid, SIGTERM);
-  waitpid(pid, &status, 0);
-  return static_cast<double>(b - a) / 1e9 / wall;
-}
 
 double runDaemon(const std::string& exe, const std::filesystem::path& base, const std::string& ini, int seconds) {
   std::filesystem::create_directories(base);
@@ -64,7 +40,7 @@ double runDaemon(const std::string& exe, const std::filesystem::path& base, cons
     execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  return measure(pid, seconds);
+  return korvo::bench::mainThreadCpu(pid, seconds, 2);
 }
 
 // Bytes the display model received per second over `seconds` once the start-up lines
