@@ -34,8 +34,9 @@ std::vector<std::pair<fs::path, bool>> escapingPaths(const std::string& archive,
     const char* name = zip_get_name(za.get(), static_cast<zip_uint64_t>(i), ZIP_FL_ENC_RAW);
     if (!name || !*name) continue;
     const fs::path landed = (target / name).lexically_normal();
-    const std::string rel = landed.lexically_relative(target).string();
-    if (rel.empty() || rel.rfind("..", 0) == 0 || fs::path(name).is_absolute()) {
+    const fs::path rel = landed.lexically_relative(target);
+    // ".." as the first component climbs out; a directory named "..x" does not.
+    if (rel.empty() || *rel.begin() == ".." || fs::path(name).is_absolute()) {
       std::error_code ec;
       out.emplace_back(fs::path(name).is_absolute() ? fs::path(name) : landed, fs::exists(landed, ec));
     }
