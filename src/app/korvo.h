@@ -77,19 +77,20 @@ class Korvo {
   void startCapture();
 
   // The front panel and the DSP, each step in its own function.
-  // Step 7 (-X): the DSP definition, its settings joining the catalogue.
+  // With -X: the DSP definition, its settings joining the catalogue.
   void loadDspDefinition();
   // After "mellosound.ini": the DSP program and settings (only with an I2C bus).
   void applyDspSettings();
-  // Step 10: the mini display when enabled and present.
+  // The mini display when enabled and present.
   void startMiniDisplay();
-  // Steps 14 and 15: version, serial and address lines; the Wi-Fi fallback's start.
+  // Version, serial and address lines; the Wi-Fi fallback's start.
   void showStartupDisplay();
-  // Step 22: the encoder (rotarySupport) and the Data East volume input.
+  // The encoder (rotarySupport) and the Data East volume input.
   void startPanelInputs();
-  // Step 26: the button.
+  // The button.
   void registerButton();
-  // Main loop step 2, the panel part of step 4, step 7 and step 9.
+  // The main loop's panel work: encoder sensing, button and volume input, encoder
+  // actions, and the Wi-Fi check.
   void senseEncoder();
   void updateFrontPanel(unsigned now);
   void doRotaryEncoder();

@@ -1,5 +1,6 @@
-// The owner's front-panel and DSP steps: start-up steps 7, 10, 14, 15, 22 and 26, the
-// DSP settings after "mellosound.ini", and the panel's parts of the main loop.
+// The owner's front-panel and DSP steps: the DSP definition, the mini display, the start-up
+// lines and the Wi-Fi fallback, the encoder and volume input, the button, the DSP settings
+// after "mellosound.ini", and the panel's parts of the main loop.
 #include <algorithm>
 #include <filesystem>
 

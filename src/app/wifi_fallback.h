@@ -31,7 +31,7 @@ class WifiFallback {
   WifiFallback(const WifiFallback&) = delete;
   WifiFallback& operator=(const WifiFallback&) = delete;
 
-  // Start-up step 15's interfaces: a Wi-Fi interface first in the list ends checking.
+  // The interfaces seen at start-up: a Wi-Fi interface first in the list ends checking.
   void setInitial(const std::vector<NetworkInterface>& networks);
   void check(unsigned long n);
   bool ipShown() const { return ipShown_; }

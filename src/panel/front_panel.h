@@ -40,18 +40,18 @@ class FrontPanel {
   FrontPanel(Gpio& gpio, Settings& s, PanelActions actions);
   ~FrontPanel();
 
-  // Start-up step 10: probes and starts the display. False when there is none.
+  // Probes and starts the display. False when there is none.
   bool initMiniDisplay();
   MiniDisplay* display() { return display_.get(); }
   // A line of text; nothing without a display.
   void showDisplayLine(int x, int y, const std::string& text);
-  // Start-up step 22.
+  // The encoder and the Data East volume input, at start-up.
   void initRotaryEncoder();
   bool initDataEastVolume();
-  // Start-up step 26.
+  // The button, at start-up.
   void initButton(PanelButton::Callback cb);
 
-  // Main loop steps 2, 4 and 7.
+  // Called from the main loop: sensing, the button and volume updates, encoder actions.
   void encode_sense(unsigned now);
   void updateButton(unsigned now) { button_.updateButton(now); }
   void updateDataEastVolume(unsigned now);

@@ -218,7 +218,7 @@ class PanelDriver {
     req.id = 1;
     parts_.engine.ring().queuePut(req);
   }
-  // Main loop steps 2, 4 and 7 for `ms` milliseconds.
+  // The main loop's panel work (sensing, button, volume input, encoder actions) for `ms` milliseconds.
   void loop(unsigned ms) {
     for (unsigned i = 0; i < ms; ++i) {
       ++now_;
