@@ -6,7 +6,9 @@
 
 #include <SDL2/SDL.h>
 
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include "bus/io_test.h"
@@ -19,6 +21,25 @@
 #include "soundsets/xsnd.h"
 
 namespace korvo {
+
+namespace {
+
+// KORVO_SERVICE_PRIO=1..99 runs the sound service thread at SCHED_FIFO (the packaged unit
+// allows it through LimitRTPRIO). Off by default: on a machine shared with other busy
+// work it measured worse, on a dedicated board it keeps uploads from delaying commands.
+int servicePriorityFromEnvironment() {
+  const char* text = getenv("KORVO_SERVICE_PRIO");
+  if (!text || !*text) return 0;
+  int prio = -1;
+  const auto [end, ec] = std::from_chars(text, text + strlen(text), prio);
+  if (ec != std::errc() || *end != '\0' || prio < 0 || prio > 99) {
+    LOG(LEVEL_WARN, "KORVO_SERVICE_PRIO '%s' ignored: not a priority from 0 to 99", text);
+    return 0;
+  }
+  return prio;
+}
+
+}  // namespace
 
 Korvo::Korvo() = default;
 
@@ -263,7 +284,10 @@ int Korvo::startUp(int argc, char** argv, char** envp) {
   showStartupDisplay();
   startCapture();
   startPanelInputs();
-  if (opt_.enableAudio) engine_->startSoundServiceThread();
+  if (opt_.enableAudio) {
+    engine_->setServiceThreadPriority(servicePriorityFromEnvironment());
+    engine_->startSoundServiceThread();
+  }
   if (opt_.enableHttpService) startWebService(argv[0]);
   registerButton();
   console_ = std::make_unique<KeyboardConsole>(consoleActions());
