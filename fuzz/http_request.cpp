@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -116,6 +117,11 @@ Outcome exchange(int port, const uint8_t* data, size_t size, int waitMs, std::st
   }
 }
 
+// A status line "HTTP/1.x 200 ...".
+bool isOk(const std::string& reply) {
+  return reply.size() > 12 && reply.compare(0, 7, "HTTP/1.") == 0 && reply.compare(8, 5, " 200 ") == 0;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -127,15 +133,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Earlier inputs may still hold connections up to the per-address limit until their idle
   // time-out, and the service then closes new ones at once: only a service that answers
   // nobody for a whole minute has stopped.
+  // libmicrohttpd answers an HTTP/1.0 request with an HTTP/1.1 status line, so only the
+  // code is checked.
   static const std::string probe = "GET /version HTTP/1.0\r\n\r\n";
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  std::string reply;
   while (std::chrono::steady_clock::now() < deadline) {
-    std::string reply;
+    reply.clear();
     if (exchange(port, reinterpret_cast<const uint8_t*>(probe.data()), probe.size(), 45000, &reply) ==
             Outcome::kClosed &&
-        reply.rfind("HTTP/1.0 200", 0) == 0)
+        isOk(reply))
       return 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   }
-  abort();  // the service stopped answering
+  fprintf(stderr, "the service stopped answering /version; last reply (%zu bytes): '%.200s'\n", reply.size(),
+          reply.c_str());
+  abort();
 }

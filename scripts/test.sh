@@ -49,11 +49,8 @@ if want asan; then
   stage_time "ASan+UBSan tests"
 fi
 if want fuzz; then
-  # fuzz_http_request is left out here until an open finding is understood: after about
-  # 130k inputs the service once stopped answering a /version probe for a whole minute on
-  # a loaded machine, and no single input reproduces it. `scripts/fuzz.sh fuzz_http_request`
-  # runs it.
-  FUZZ_SKIP="${FUZZ_SKIP-fuzz_http_request}" FUZZ_SECONDS="${FUZZ_SECONDS:-30}" FUZZ_PARALLEL="${FUZZ_PARALLEL:-2}" \
+  # FUZZ_SKIP="fuzz_a fuzz_b" leaves targets out of a run (each is named in the output).
+  FUZZ_SKIP="${FUZZ_SKIP:-}" FUZZ_SECONDS="${FUZZ_SECONDS:-30}" FUZZ_PARALLEL="${FUZZ_PARALLEL:-2}" \
     bash scripts/fuzz.sh --no-build
   stage_time "fuzzing"
 fi

@@ -45,17 +45,7 @@ int main(int argc, char** argv) {
   }
   double sleepLoad = korvo::bench::mainThreadCpu(sleeper, seconds);
 
-  pid_t daemon = fork();
-  if (daemon == 0) {
-    if (chdir(base.c_str()) != 0) _exit(126);
-    korvo::Fd devnull(open("/dev/null", O_WRONLY));
-    dup2(devnull.get(), 1);
-    dup2(devnull.get(), 2);
-    setenv("KORVO_GPIO", "sim", 1);
-    setenv("SDL_AUDIODRIVER", "dummy", 1);
-    execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  const pid_t daemon = korvo::bench::startQuietDaemon(exe, base);
   double loopLoad = korvo::bench::mainThreadCpu(daemon, seconds);
 
   printf("empty 1 kHz sleep loop : %.4f%% of one core\n", sleepLoad * 100);

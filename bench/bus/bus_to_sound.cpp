@@ -32,18 +32,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Strobes `count` commands at 30-50 a second, as a busy game sends them.
-Sent strobeOnSimBoard(SoundEngine& engine, int count) {
-  SimGpio gpio;
-  Pincom pincom(gpio, settings);
-  PincomConsumers c;
-  c.soundHandler = [&](unsigned v) { engine.soundHandler(v); };
-  pincom.setConsumers(std::move(c));
-  pincom.initGpio();
-  SimMachine machine(gpio, pincom);
-  return bench::strobeCommands(machine, count);
-}
-
 void printFigures(const std::vector<double>& ms, int commands, const SoundEngine& engine) {
   std::printf("strobe -> mixing pass that starts the sample (DATAEAST, %d commands, %zu heard, buffer %d frames)\n",
               commands, ms.size(), engine.bufferFrames());
@@ -57,42 +45,21 @@ void printFigures(const std::vector<double>& ms, int commands, const SoundEngine
 }  // namespace
 
 int main(int argc, char** argv) {
-  setLogLevel(LEVEL_WARN);
-  const fs::path dir = fs::temp_directory_path() / ("korvo-bench-bus-" + std::to_string(getpid()));
-  const fs::path base = dir / "sets";
-  makeBenchSet(base);
-  const std::string raw = (dir / "out.raw").string();
-  setenv("SDL_AUDIODRIVER", "disk", 1);
-  setenv("SDL_DISKAUDIOFILE", raw.c_str(), 1);
-
-  initSettings(&settings);
-  settings.playBoot = 0;
-  settings.sayPreload = 0;
-  settings.enableI2S = 0;
-  settings.protocol = DATAEAST;
+  OnsetBenchDir d("bus");
   Onsets onsets;
-  int rc = 0;
+  SoundEngine engine;
+  if (!startBenchEngine(engine, d, onsets)) return 1;
+  // KORVO_SERVICE_PRIO=<1..99> runs the service thread at SCHED_FIFO, as on a board.
+  if (const char* prio = std::getenv("KORVO_SERVICE_PRIO")) engine.setServiceThreadPriority(std::atoi(prio));
+  engine.startSoundServiceThread();
+  // 10k commands by default: about four minutes.
+  const int commands = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
   {
-    SoundEngine engine;
-    engine.setAnnounceSoundSet(false);
-    engine.setTransientSettingsFile((dir / "va.ini").string());
-    engine.setOnsetObserver(&Onsets::observe, &onsets);
-    if (engine.soundInit(100, base.c_str(), 2, 44100) != 0 || engine.startSoundSets(base.string()) <= 0) {
-      std::fprintf(stderr, "audio engine did not start\n");
-      rc = 1;
-    } else {
-      // KORVO_SERVICE_PRIO=<1..99> runs the service thread at SCHED_FIFO, as on a board.
-      if (const char* prio = std::getenv("KORVO_SERVICE_PRIO")) engine.setServiceThreadPriority(std::atoi(prio));
-      engine.startSoundServiceThread();
-      // 10k commands by default: about four minutes.
-      const int commands = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
-      const Sent sent = strobeOnSimBoard(engine, commands);
-      printFigures(latencies(sent, onsets), commands, engine);
-      engine.stopSoundServiceThread();
-    }
-    engine.soundShutdown();
+    SimBoardRig board(engine);
+    const Sent sent = strobeCommands(*board.machine, commands);
+    printFigures(latencies(sent, onsets), commands, engine);
   }
-  std::error_code ec;
-  fs::remove_all(dir, ec);
-  return rc;
+  engine.stopSoundServiceThread();
+  engine.soundShutdown();
+  return 0;
 }

@@ -2,7 +2,10 @@
 // benchmarks that compare the daemon's main loop with an idle one.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 
@@ -12,6 +15,8 @@
 #include <fstream>
 #include <string>
 #include <thread>
+
+#include "base/handles.h"
 
 namespace korvo::bench {
 
@@ -40,6 +45,23 @@ inline double mainThreadCpu(pid_t pid, int seconds, int warmupSeconds = 1) {
   kill(pid, SIGTERM);
   waitpid(pid, &status, 0);
   return static_cast<double>(b - a) / 1e9 / wall;
+}
+
+// Starts the daemon `exe` on the sim bus and SDL's silent driver, in `base` with its
+// output thrown away and the web service off: the main loop with nothing to do.
+inline pid_t startQuietDaemon(const std::string& exe, const std::string& base) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (chdir(base.c_str()) != 0) _exit(126);
+    Fd devnull(open("/dev/null", O_WRONLY));
+    dup2(devnull.get(), 1);
+    dup2(devnull.get(), 2);
+    setenv("KORVO_GPIO", "sim", 1);
+    setenv("SDL_AUDIODRIVER", "dummy", 1);
+    execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
 }
 
 }  // namespace korvo::bench

@@ -8,14 +8,25 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "base/log.h"
+#include "bus/pincom.h"
 #include "bus/sim_board.h"
+#include "core/settings.h"
 #include "platform/clock.h"
+#include "platform/sim_gpio.h"
+#include "sound/sdl_sound.h"
 #include "support/wav.h"
 
 namespace korvo::bench {
@@ -28,6 +39,47 @@ inline void makeBenchSet(const std::filesystem::path& base) {
   for (int i = 0; i < kIds; ++i)
     test::writeSineWav(base / "demo" / "sfx" / (std::to_string(10 + i) + "-s") / "s.wav", 0.05, 8000, 440.0 + 50 * i);
 }
+
+// A scratch directory holding the bench set (`base`) and SDL's disk driver output, with
+// the settings every onset benchmark runs with (DATAEAST, no boot sound or prompts).
+// Removed again when the benchmark ends.
+struct OnsetBenchDir {
+  std::filesystem::path dir, base;
+  explicit OnsetBenchDir(const char* tag)
+      : dir(std::filesystem::temp_directory_path() / (std::string("korvo-bench-") + tag + "-" + std::to_string(getpid()))),
+        base(dir / "sets") {
+    setLogLevel(LEVEL_WARN);
+    makeBenchSet(base);
+    setenv("SDL_AUDIODRIVER", "disk", 1);
+    setenv("SDL_DISKAUDIOFILE", (dir / "out.raw").c_str(), 1);
+    initSettings(&settings);
+    settings.playBoot = 0;
+    settings.sayPreload = 0;
+    settings.enableI2S = 0;
+    settings.protocol = DATAEAST;
+  }
+  ~OnsetBenchDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  }
+  OnsetBenchDir(const OnsetBenchDir&) = delete;
+  OnsetBenchDir& operator=(const OnsetBenchDir&) = delete;
+};
+
+// The sim board wired to `engine`: pins, the bus driver feeding soundHandler, and the
+// machine that strobes commands on them.
+struct SimBoardRig {
+  SimGpio gpio;
+  Pincom pincom{gpio, settings};
+  std::unique_ptr<SimMachine> machine;
+  explicit SimBoardRig(SoundEngine& engine) {
+    PincomConsumers c;
+    c.soundHandler = [&engine](unsigned v) { engine.soundHandler(v); };
+    pincom.setConsumers(std::move(c));
+    pincom.initGpio();
+    machine = std::make_unique<SimMachine>(gpio, pincom);
+  }
+};
 
 // The engine's onset observer: micros() of each sample's first mixing pass, by id.
 struct Onsets {
@@ -66,6 +118,20 @@ inline Sent strobeCommands(SimMachine& machine, int count) {
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   return sent;
+}
+
+// Starts `engine` on the bench set with `onsets` observing it (bufferFrames 0: the
+// engine's default). False, with a message, when audio did not start.
+inline bool startBenchEngine(SoundEngine& engine, const OnsetBenchDir& d, Onsets& onsets, int bufferFrames = 0) {
+  engine.setAnnounceSoundSet(false);
+  engine.setTransientSettingsFile((d.dir / "va.ini").string());
+  engine.setOnsetObserver(&Onsets::observe, &onsets);
+  if (bufferFrames > 0) engine.setBufferFrames(bufferFrames);
+  if (engine.soundInit(100, d.base.c_str(), 2, 44100) != 0 || engine.startSoundSets(d.base.string()) <= 0) {
+    std::fprintf(stderr, "audio engine did not start\n");
+    return false;
+  }
+  return true;
 }
 
 // Strobe -> onset of each command heard, in ms.

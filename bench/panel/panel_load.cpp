@@ -29,17 +29,7 @@ namespace {
 double runDaemon(const std::string& exe, const std::filesystem::path& base, const std::string& ini, int seconds) {
   std::filesystem::create_directories(base);
   std::ofstream(base / "mellosound.ini", std::ios::trunc) << ini;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (chdir(base.c_str()) != 0) _exit(126);
-    korvo::Fd devnull(open("/dev/null", O_WRONLY));
-    dup2(devnull.get(), 1);
-    dup2(devnull.get(), 2);
-    setenv("KORVO_GPIO", "sim", 1);
-    setenv("SDL_AUDIODRIVER", "dummy", 1);
-    execl(exe.c_str(), exe.c_str(), "-a", "-l", "1", base.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  const pid_t pid = korvo::bench::startQuietDaemon(exe, base.string());
   return korvo::bench::mainThreadCpu(pid, seconds, 2);
 }
 

@@ -56,77 +56,49 @@ int main(int argc, char** argv) {
   const int commands = argc > 1 ? std::max(10, std::atoi(argv[1])) : 1500;
   const int clients = argc > 2 ? std::max(1, std::atoi(argv[2])) : 4;
   const int bufferFrames = argc > 3 ? std::atoi(argv[3]) : 0;  // 0: the engine's default
-  setLogLevel(LEVEL_WARN);
-  const fs::path dir = fs::temp_directory_path() / ("korvo-bench-web-" + std::to_string(getpid()));
-  const fs::path base = dir / "sets";
-  makeBenchSet(base);
-  const std::string raw = (dir / "out.raw").string();
-  setenv("SDL_AUDIODRIVER", "disk", 1);
-  setenv("SDL_DISKAUDIOFILE", raw.c_str(), 1);
-
-  initSettings(&settings);
-  settings.playBoot = 0;
-  settings.sayPreload = 0;
-  settings.enableI2S = 0;
-  settings.protocol = DATAEAST;
+  OnsetBenchDir d("web");
   Onsets onsets;
-  int rc = 0;
+  SoundEngine engine;
+  if (!startBenchEngine(engine, d, onsets, bufferFrames)) return 1;
+  engine.startSoundServiceThread();
   {
-    SoundEngine engine;
-    engine.setAnnounceSoundSet(false);
-    engine.setTransientSettingsFile((dir / "va.ini").string());
-    engine.setOnsetObserver(&Onsets::observe, &onsets);
-    if (bufferFrames > 0) engine.setBufferFrames(bufferFrames);
-    if (engine.soundInit(100, base.c_str(), 2, 44100) != 0 || engine.startSoundSets(base.string()) <= 0) {
-      std::fprintf(stderr, "audio engine did not start\n");
-      rc = 1;
-    } else {
-      engine.startSoundServiceThread();
-      SimGpio gpio;
-      Pincom pincom(gpio, settings);
-      PincomConsumers c;
-      c.soundHandler = [&](unsigned v) { engine.soundHandler(v); };
-      pincom.setConsumers(std::move(c));
-      pincom.initGpio();
-      SimMachine machine(gpio, pincom);
-      WebContext ctx(engine);
-      ctx.baseDir = base.string();
-      ctx.webRoot = (dir / "html").string();
-      HttpService http(ctx);
-      http.startHttpService("/dev/null", "./korvo", 0);
-      const double bufferMs = 1000.0 * engine.bufferFrames() / engine.frequency();
-      std::printf("strobe -> mixing pass that starts the sample (DATAEAST, buffer %d frames = %.2f ms)\n",
-                  engine.bufferFrames(), bufferMs);
-      report("without HTTP traffic", measure(machine, onsets, commands), commands, bufferMs);
+    SimBoardRig board(engine);
+    SimMachine& machine = *board.machine;
+    WebContext ctx(engine);
+    ctx.baseDir = d.base.string();
+    ctx.webRoot = (d.dir / "html").string();
+    HttpService http(ctx);
+    http.startHttpService("/dev/null", "./korvo", 0);
+    const double bufferMs = 1000.0 * engine.bufferFrames() / engine.frequency();
+    std::printf("strobe -> mixing pass that starts the sample (DATAEAST, buffer %d frames = %.2f ms)\n",
+                engine.bufferFrames(), bufferMs);
+    report("without HTTP traffic", measure(machine, onsets, commands), commands, bufferMs);
 
-      // The web page's own traffic, as fast as the clients can send it.
-      std::atomic<bool> stop{false};
-      std::atomic<long> requests{0};
-      const char* paths[] = {"/version", "/sounds/category/sfx", "/soundsets", "/volume", "/sounds/12", "/ports",
-                             "/livelog?i=0", "/gainByType/2"};
-      std::vector<std::thread> flood;
-      for (int t = 0; t < clients; ++t)
-        flood.emplace_back([&, t] {
-          // The browsers are other machines: here they must not take the CPU the
-          // board's own threads would have.
-          setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 19);
-          bench::RawClient client(http.boundPort());
-          for (std::size_t i = static_cast<std::size_t>(t); !stop; ++i)
-            if (client.get(paths[i % std::size(paths)]) == 200) requests++;
-        });
-      const auto t0 = std::chrono::steady_clock::now();
-      const auto flooded = measure(machine, onsets, commands);
-      const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-      stop = true;
-      for (auto& t : flood) t.join();
-      report("with HTTP flood", flooded, commands, bufferMs);
-      std::printf("  (%d clients, %.0f requests/s answered during the flood)\n", clients, requests / s);
-      http.stopHttpService();
-      engine.stopSoundServiceThread();
-    }
-    engine.soundShutdown();
+    // The web page's own traffic, as fast as the clients can send it.
+    std::atomic<bool> stop{false};
+    std::atomic<long> requests{0};
+    const char* paths[] = {"/version", "/sounds/category/sfx", "/soundsets", "/volume", "/sounds/12", "/ports",
+                           "/livelog?i=0", "/gainByType/2"};
+    std::vector<std::thread> flood;
+    for (int t = 0; t < clients; ++t)
+      flood.emplace_back([&, t] {
+        // The browsers are other machines: here they must not take the CPU the
+        // board's own threads would have.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 19);
+        bench::RawClient client(http.boundPort());
+        for (std::size_t i = static_cast<std::size_t>(t); !stop; ++i)
+          if (client.get(paths[i % std::size(paths)]) == 200) requests++;
+      });
+    const auto t0 = std::chrono::steady_clock::now();
+    const auto flooded = measure(machine, onsets, commands);
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    stop = true;
+    for (auto& t : flood) t.join();
+    report("with HTTP flood", flooded, commands, bufferMs);
+    std::printf("  (%d clients, %.0f requests/s answered during the flood)\n", clients, requests / s);
+    http.stopHttpService();
   }
-  std::error_code ec;
-  fs::remove_all(dir, ec);
-  return rc;
+  engine.stopSoundServiceThread();
+  engine.soundShutdown();
+  return 0;
 }
