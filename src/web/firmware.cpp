@@ -148,6 +148,22 @@ bool collectSignature(ConnectionInfo& ci, const char* data, size_t size) {
   return true;
 }
 
+bool beginFirmware(ConnectionInfo& ci, const char* filename) {
+  const std::string target = updateArchivePath(contextOf(ci).baseDir);
+  const std::string dir = updateDirectory(target);
+  if (dir.empty()) {
+    decide(ci, false, "Upload failed.");
+    return false;
+  }
+  return beginUpload(ci, dir, filename, target);
+}
+
+// The detached signature may come in the same form.
+MHD_Result firmwareField(ConnectionInfo& ci, const char* key, const char* data, size_t size) {
+  if (key && strcmp(key, "signature") == 0) return collectSignature(ci, data, size) ? MHD_YES : MHD_NO;
+  return refuseKey(ci);
+}
+
 MHD_Result finishFirmware(ConnectionInfo& ci) {
   if (!ci.fp.exists()) return decide(ci, false, "Firmware refused: no file received.");
   std::optional<std::string> signature;
@@ -163,21 +179,8 @@ MHD_Result finishFirmware(ConnectionInfo& ci) {
 MHD_Result uploadFirmwarePostCallback(void* cls, MHD_ValueKind kind, const char* key, const char* filename,
                                       const char* contentType, const char* transferEncoding, const char* data,
                                       uint64_t off, size_t size) {
-  ConnectionInfo& ci = connectionOf(cls);
-  logPostCall(ci, false, kind, key, filename, contentType, transferEncoding, data, off, size);
-  if (ci.answerstring) return MHD_NO;
-  if (key && strcmp(key, "file") == 0) {
-    if (!ci.fp.exists()) {
-      const std::string target = updateArchivePath(contextOf(ci).baseDir);
-      const std::string dir = updateDirectory(target);
-      if (dir.empty()) return decide(ci, false, "Upload failed.");
-      if (!beginUpload(ci, dir, filename, target)) return MHD_NO;
-    }
-    return appendUpload(ci, data, size) ? MHD_YES : MHD_NO;
-  }
-  if (key && strcmp(key, "signature") == 0) return collectSignature(ci, data, size) ? MHD_YES : MHD_NO;
-  if (key && strcmp(key, "endOfUpload") == 0) return finishFirmware(ci);
-  return refuseKey(ci);
+  static constexpr UploadForm form{beginFirmware, nullptr, finishFirmware, firmwareField};
+  return receiveUploadPiece(form, cls, kind, key, filename, contentType, transferEncoding, data, off, size);
 }
 
 }  // namespace korvo

@@ -86,6 +86,23 @@ MHD_Result refuseKey(ConnectionInfo& ci) {
   return decide(ci, false, "Upload refused: no file key provided.");
 }
 
+MHD_Result receiveUploadPiece(const UploadForm& form, void* cls, MHD_ValueKind kind, const char* key,
+                              const char* filename, const char* contentType, const char* transferEncoding,
+                              const char* data, uint64_t off, size_t size) {
+  ConnectionInfo& ci = connectionOf(cls);
+  logPostCall(ci, false, kind, key, filename, contentType, transferEncoding, data, off, size);
+  if (ci.answerstring) return MHD_NO;
+  const std::string_view k = key ? key : "";
+  if (k == "file") {
+    if (!ci.fp.exists() && !form.begin(ci, filename)) return MHD_NO;
+    if (!appendUpload(ci, data, size)) return MHD_NO;
+    if (form.written) form.written(ci, size);
+    return MHD_YES;
+  }
+  if (k == "endOfUpload") return form.finish(ci);
+  return form.other ? form.other(ci, key, data, size) : refuseKey(ci);
+}
+
 // ---- sound sets ----
 
 namespace {
@@ -175,6 +192,17 @@ bool installXsndSet(ConnectionInfo& ci, const std::string& base) {
   return true;
 }
 
+bool beginSoundset(ConnectionInfo& ci, const char* filename) {
+  ci.filename = filename && *filename ? filename : "1.zip";
+  if (!isZipName(ci.filename) && !isXsndName(ci.filename)) {
+    LOG(LEVEL_ERROR, "soundset upload %s is neither .zip nor .xsnd", ci.filename.c_str());
+    decide(ci, false, "Soundset must be a .zip or .xsnd file.");
+    return false;
+  }
+  const std::string& base = contextOf(ci).baseDir;
+  return beginUpload(ci, base, filename, base + "/" + ci.filename);
+}
+
 MHD_Result finishSoundset(ConnectionInfo& ci) {
   WebContext& ctx = contextOf(ci);
   if (!ci.fp.exists()) return decide(ci, false, "Upload refused: no file received.");
@@ -190,23 +218,8 @@ MHD_Result finishSoundset(ConnectionInfo& ci) {
 MHD_Result uploadSoundsetPostCallback(void* cls, MHD_ValueKind kind, const char* key, const char* filename,
                                       const char* contentType, const char* transferEncoding, const char* data,
                                       uint64_t off, size_t size) {
-  ConnectionInfo& ci = connectionOf(cls);
-  logPostCall(ci, false, kind, key, filename, contentType, transferEncoding, data, off, size);
-  if (ci.answerstring) return MHD_NO;
-  if (key && strcmp(key, "file") == 0) {
-    if (!ci.fp.exists()) {
-      ci.filename = filename && *filename ? filename : "1.zip";
-      if (!isZipName(ci.filename) && !isXsndName(ci.filename)) {
-        LOG(LEVEL_ERROR, "soundset upload %s is neither .zip nor .xsnd", ci.filename.c_str());
-        return decide(ci, false, "Soundset must be a .zip or .xsnd file.");
-      }
-      if (!beginUpload(ci, contextOf(ci).baseDir, filename, contextOf(ci).baseDir + "/" + ci.filename))
-        return MHD_NO;
-    }
-    return appendUpload(ci, data, size) ? MHD_YES : MHD_NO;
-  }
-  if (key && strcmp(key, "endOfUpload") == 0) return finishSoundset(ci);
-  return refuseKey(ci);
+  static constexpr UploadForm form{beginSoundset, nullptr, finishSoundset, nullptr};
+  return receiveUploadPiece(form, cls, kind, key, filename, contentType, transferEncoding, data, off, size);
 }
 
 // ---- samples ----
@@ -221,6 +234,28 @@ std::string sampleDirectory(SoundEngine& engine, int id) {
   if (!s) return {};
   if (engine.index().setType() != XSNDFILE) return s->basepath;
   return fs::path(s->basepath).parent_path().string();
+}
+
+bool beginSample(ConnectionInfo& ci, const char* filename) {
+  if (sscanf(ci.url.c_str(), "/sounds/%d/sample/add", &ci.id) != 1) {
+    decide(ci, false, "Sample could not be added.");
+    return false;
+  }
+  ci.filename = filename ? filename : "";
+  const std::string dir = sampleDirectory(contextOf(ci).engine, ci.id);
+  if (dir.empty() || ci.filename.empty()) {
+    LOG(LEVEL_ERROR, "could not create upload file '%s'", ci.filename.c_str());
+    decide(ci, false, "Sample could not be added.");
+    return false;
+  }
+  return beginUpload(ci, dir, filename, dir + "/" + ci.filename);
+}
+
+void sampleWritten(const ConnectionInfo&, size_t size) { LOG(LEVEL_DEBUG, "written %zu byte to file sample", size); }
+
+MHD_Result ignoreSampleKey(ConnectionInfo&, const char* key, const char*, size_t) {
+  LOG(LEVEL_DEBUG, "key '%s' ignored", key ? key : "(null)");
+  return MHD_YES;
 }
 
 MHD_Result finishSample(ConnectionInfo& ci) {
@@ -240,27 +275,8 @@ MHD_Result finishSample(ConnectionInfo& ci) {
 MHD_Result sampleUploadPostCallback(void* cls, MHD_ValueKind kind, const char* key, const char* filename,
                                     const char* contentType, const char* transferEncoding, const char* data,
                                     uint64_t off, size_t size) {
-  ConnectionInfo& ci = connectionOf(cls);
-  logPostCall(ci, false, kind, key, filename, contentType, transferEncoding, data, off, size);
-  if (ci.answerstring) return MHD_NO;
-  if (key && strcmp(key, "file") == 0) {
-    if (!ci.fp.exists()) {
-      if (sscanf(ci.url.c_str(), "/sounds/%d/sample/add", &ci.id) != 1) return decide(ci, false, "Sample could not be added.");
-      ci.filename = filename ? filename : "";
-      const std::string dir = sampleDirectory(contextOf(ci).engine, ci.id);
-      if (dir.empty() || ci.filename.empty()) {
-        LOG(LEVEL_ERROR, "could not create upload file '%s'", ci.filename.c_str());
-        return decide(ci, false, "Sample could not be added.");
-      }
-      if (!beginUpload(ci, dir, filename, dir + "/" + ci.filename)) return MHD_NO;
-    }
-    if (!appendUpload(ci, data, size)) return MHD_NO;
-    LOG(LEVEL_DEBUG, "written %zu byte to file sample", size);
-    return MHD_YES;
-  }
-  if (key && strcmp(key, "endOfUpload") == 0) return finishSample(ci);
-  LOG(LEVEL_DEBUG, "key '%s' ignored", key ? key : "(null)");
-  return MHD_YES;
+  static constexpr UploadForm form{beginSample, sampleWritten, finishSample, ignoreSampleKey};
+  return receiveUploadPiece(form, cls, kind, key, filename, contentType, transferEncoding, data, off, size);
 }
 
 // ---- recordings ----
@@ -270,6 +286,18 @@ namespace {
 std::string recordingDirectory() {
   const char* tmp = getenv("TMPDIR");
   return tmp && *tmp ? tmp : "/tmp";
+}
+
+bool beginRecording(ConnectionInfo& ci, const char*) {
+  if (!contextOf(ci).recorder) {
+    decide(ci, false, "Rec file refused: no bus to replay it on.");
+    return false;
+  }
+  return beginUpload(ci, recordingDirectory(), nullptr, recordingDirectory() + "/a<n>.rec");
+}
+
+void recordingWritten(const ConnectionInfo& ci, size_t size) {
+  LOG(LEVEL_DEBUG, "written %zu byte to file '%s'", size, ci.fp.tempPath().c_str());
 }
 
 // Keeps a recording that parses completely and has something to replay; its final
@@ -296,20 +324,8 @@ MHD_Result finishRecording(ConnectionInfo& ci) {
 MHD_Result recordingPostCallback(void* cls, MHD_ValueKind kind, const char* key, const char* filename,
                                  const char* contentType, const char* transferEncoding, const char* data,
                                  uint64_t off, size_t size) {
-  ConnectionInfo& ci = connectionOf(cls);
-  logPostCall(ci, false, kind, key, filename, contentType, transferEncoding, data, off, size);
-  if (ci.answerstring) return MHD_NO;
-  if (key && strcmp(key, "file") == 0) {
-    if (!ci.fp.exists()) {
-      if (!contextOf(ci).recorder) return decide(ci, false, "Rec file refused: no bus to replay it on.");
-      if (!beginUpload(ci, recordingDirectory(), nullptr, recordingDirectory() + "/a<n>.rec")) return MHD_NO;
-    }
-    if (!appendUpload(ci, data, size)) return MHD_NO;
-    LOG(LEVEL_DEBUG, "written %zu byte to file '%s'", size, ci.fp.tempPath().c_str());
-    return MHD_YES;
-  }
-  if (key && strcmp(key, "endOfUpload") == 0) return finishRecording(ci);
-  return refuseKey(ci);
+  static constexpr UploadForm form{beginRecording, recordingWritten, finishRecording, nullptr};
+  return receiveUploadPiece(form, cls, kind, key, filename, contentType, transferEncoding, data, off, size);
 }
 
 // ---- end of the body ----

@@ -47,4 +47,21 @@ bool appendUpload(ConnectionInfo& ci, const char* data, size_t size);
 // provided -> abort".
 enum MHD_Result refuseKey(ConnectionInfo& ci);
 
+// What one upload form does with the pieces of its body. `begin` opens the upload at the
+// first "file" piece (false: refused, the answer decided); `written` reports each appended
+// piece (may be null); `finish` runs at "endOfUpload"; `other` takes any other key (null:
+// refuseKey).
+struct UploadForm {
+  bool (*begin)(ConnectionInfo& ci, const char* filename);
+  void (*written)(const ConnectionInfo& ci, size_t size);
+  enum MHD_Result (*finish)(ConnectionInfo& ci);
+  enum MHD_Result (*other)(ConnectionInfo& ci, const char* key, const char* data, size_t size);
+};
+
+// One post callback step of an upload form: the call is logged, a body whose answer is
+// already decided is refused, and the piece goes where `form` says.
+enum MHD_Result receiveUploadPiece(const UploadForm& form, void* cls, enum MHD_ValueKind kind, const char* key,
+                                   const char* filename, const char* contentType, const char* transferEncoding,
+                                   const char* data, uint64_t off, size_t size);
+
 }  // namespace korvo
