@@ -6,6 +6,7 @@
 
 #include <SDL2/SDL.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -190,6 +191,12 @@ void Korvo::removeStaleTemporaryFiles() const {
   // Left by writes that a power cut interrupted; some are whole sound sets in size.
   removeStaleTemporaries(".");
   removeStaleTemporaries(opt_.baseDir, kSetDirectoryDepth + 1);
+  // A read-only file system (a card mounted read-only after errors) still plays; the
+  // owner learns here once why nothing is saved, instead of only from each failed write.
+  char cwd[4096];
+  for (const char* dir : {getcwd(cwd, sizeof cwd) ? cwd : ".", opt_.baseDir.c_str()})
+    if (access(dir, W_OK) != 0 && errno == EROFS)
+      LOG(LEVEL_WARN, "%s is on a read-only file system: settings, uploads and edits are not saved", dir);
 }
 
 int Korvo::parseCommandLine(int argc, char** argv) {

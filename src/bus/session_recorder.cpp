@@ -1,12 +1,16 @@
 #include "bus/session_recorder.h"
 
+#include <unistd.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
 #include "bus/pincom.h"
+#include "base/fileutil.h"
 #include "base/log.h"
+#include "base/stringutil.h"
 #include "core/settings.h"
 #include "platform/clock.h"
 
@@ -57,13 +61,17 @@ SessionRecorder::~SessionRecorder() {
 
 bool SessionRecorder::startRecording(const std::string& path) {
   stopRecording();
-  FileHandle f(std::fopen(path.c_str(), "w"));
+  // The header goes through the atomic writer: a recording of the same name is replaced
+  // only once the new file is on the disk, so a full disk keeps the old one.
+  if (writeFileAtomic(path, std::string(kHeaderPrefix) + protocolName(pincom_.protocol()) + "\n") != 0) {
+    LOG(LEVEL_ERROR, "cannot create recording file '%s'", path.c_str());
+    return false;
+  }
+  FileHandle f(std::fopen(path.c_str(), "a"));
   if (!f) {
     LOG(LEVEL_ERROR, "cannot create recording file '%s': %s", path.c_str(), std::strerror(errno));
     return false;
   }
-  std::fprintf(f.get(), "%s%s\n", kHeaderPrefix, protocolName(pincom_.protocol()));
-  std::fflush(f.get());
   {
     std::lock_guard fileLock(fileMutex_);
     std::lock_guard lock(recMutex_);
@@ -111,11 +119,27 @@ void SessionRecorder::writePending() {
     batch.swap(pending_);
   }
   if (!file_ || batch.empty()) return;
-  for (const Event& e : batch) std::fprintf(file_.get(), "%u 0x%02X\n", e.ms, e.byte);
-  if (std::fflush(file_.get()) != 0 || std::ferror(file_.get())) {
-    LOG(LEVEL_ERROR, "writing recording file '%s' failed: %s", recordingFile().c_str(), std::strerror(errno));
-    std::clearerr(file_.get());
+  std::string text;
+  for (const Event& e : batch) text += strFormat("%u 0x%02X\n", e.ms, e.byte);
+  // Whole lines or none: what a full disk took of the batch is cut off again, so the
+  // recording stays readable to its last line. The descriptor is written directly
+  // (append mode), never through the stream's buffer.
+  const int fd = fileno(file_.get());
+  const off_t end = ::lseek(fd, 0, SEEK_END);
+  std::string_view rest = text;
+  errno = 0;
+  while (!rest.empty()) {
+    const ssize_t n = ::write(fd, rest.data(), rest.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    rest.remove_prefix(static_cast<std::size_t>(n));
   }
+  if (rest.empty()) return;
+  const int err = errno != 0 ? errno : ENOSPC;  // a write of no bytes sets none
+  if (end < 0 || ::ftruncate(fd, end) != 0)
+    LOG(LEVEL_ERROR, "recording file '%s' may end in a partial line: %s", recordingFile().c_str(), std::strerror(errno));
+  LOG(LEVEL_ERROR, "writing recording file '%s' failed: %s; bytes are not recorded", recordingFile().c_str(),
+      std::strerror(err));
 }
 
 std::vector<SessionRecorder::Event> SessionRecorder::parseRecording(std::istream& in, const std::string& name,

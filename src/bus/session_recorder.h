@@ -51,8 +51,9 @@ class SessionRecorder {
   SessionRecorder(const SessionRecorder&) = delete;
   SessionRecorder& operator=(const SessionRecorder&) = delete;
 
-  // -R and /recording/start: creates (truncates) `path` and writes the header. A running
-  // recording is closed first. False with an ERROR line when the file cannot be created.
+  // -R and /recording/start: replaces `path` atomically by a file holding the header (a
+  // file of that name stays as it was when this fails). A running recording is closed
+  // first. False with an ERROR line when the file cannot be created.
   bool startRecording(const std::string& path);
   // Writes what is pending and closes; false when no recording runs.
   bool stopRecording();

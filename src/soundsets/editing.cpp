@@ -27,30 +27,13 @@ void dropLastFile(AudioSample& s) {
 }
 
 int appendToContainer(AudioSample& s, const std::string& uploadedPath, const std::string& baseName) {
-  FileHandle file(fopen(s.basepath.c_str(), "r+b"));
-  FILE* f = file.get();
-  if (f == nullptr) {
-    LOG(LEVEL_ERROR, "failed to open '%s'", s.basepath.c_str());
-    return -1;
-  }
-  int rc = -1;
-  off_t oldEnd = -1;
-  if (fseeko(f, 0, SEEK_END) == 0 && (oldEnd = ftello(f)) >= 0) {
-    const std::size_t n = s.samples.size();
-    std::vector<CompFileChunk> before = s.filechunks;
-    s.filechunks.resize(n);
-    rc = writeFileChunk(f, uploadedPath, s, n);
-    if (fflush(f) != 0 || syncFd(fileno(f)) != 0) rc = -1;
-    if (rc != 0) {
-      // Leave the container as it was rather than with a half chunk at its end.
-      if (ftruncate(fileno(f), oldEnd) != 0) LOG(LEVEL_ERROR, "cannot restore '%s'", s.basepath.c_str());
-      s.filechunks = std::move(before);
-    } else {
-      s.samples.push_back(baseName);
-      s.syncChunks();
-    }
-  }
-  return rc == 0 ? 0 : -1;
+  CompFileChunk chunk;
+  if (appendChunkToContainer(s.basepath, uploadedPath, chunk) != 0) return -1;
+  s.filechunks.resize(s.samples.size());
+  s.filechunks.push_back(chunk);
+  s.samples.push_back(baseName);
+  s.syncChunks();
+  return 0;
 }
 
 }  // namespace

@@ -16,7 +16,8 @@
 namespace korvo {
 
 // Adds the uploaded file to sound `id`. XSNDFILE: appended as a new xSMP chunk after
-// the index (known to the record in memory until the container is written anew).
+// the index (appendChunkToContainer: the container is replaced, never changed in
+// place; the chunk is known to the record in memory until the container is written anew).
 // PINSOUND and ALTSOUND: copied into the sound's directory under the client's base
 // name, renumbered "n-name" while that name is taken; the upload is then deleted and
 // an AltSound table gets a row for it. 0 on success, -1 otherwise.

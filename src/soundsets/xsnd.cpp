@@ -110,10 +110,12 @@ class ContainerFile {
     opened_ = static_cast<bool>(fd);
     if (fd) file_.reset(fdopen(fd.get(), "wb"));
     if (!file_) {
-      LOG(LEVEL_ERROR, "open for bin export to '%s' failed", path_.c_str());
+      LOG(LEVEL_ERROR, "open for bin export to '%s' failed: %s", path_.c_str(), strerror(errno));
       return false;
     }
-    fchmod(fd.release(), 0644);
+    // A replaced container keeps its permissions; mkstemp makes it 0600.
+    struct stat st{};
+    fchmod(fd.release(), ::stat(path_.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644);
     setvbuf(file_.get(), iobuf_.data(), _IOFBF, iobuf_.size());
     return true;
   }
@@ -122,9 +124,11 @@ class ContainerFile {
     LOG(LEVEL_ERROR, "writing '%s' failed: %s", path_.c_str(), what.c_str());
     return -1;
   }
+  // For a failed write or sync: the system's reason ("No space left on device") too.
+  int failWrite(const std::string& what) const { return fail(what + ": " + strerror(errno)); }
   int commit() {
-    if (fflush(file_.get()) != 0 || syncFd(fileno(file_.get())) != 0) return fail("flush");
-    if (fclose(file_.release()) != 0) return fail("close");
+    if (fflush(file_.get()) != 0 || syncFd(fileno(file_.get())) != 0) return failWrite("flush");
+    if (fclose(file_.release()) != 0) return failWrite("close");
     if (::rename(tmp_.c_str(), path_.c_str()) != 0) return fail(strerror(errno));
     committed_ = true;
     syncDirectoryOf(path_);
@@ -156,7 +160,7 @@ int writeSoundAudio(ContainerFile& out, const AudioSample& s, bool fromContainer
       src.path = s.samples[i];
     }
     if (writeChunkFrom(out.get(), src, chunks[i], limit) != ChunkResult::CONTAINER_FAILED) continue;
-    if (ferror(out.get())) return out.fail("audio chunk");
+    if (ferror(out.get())) return out.failWrite("audio chunk");
     return out.fail(strFormat("the container would grow past %llu bytes", static_cast<unsigned long long>(limit)));
   }
   return 0;
@@ -176,7 +180,7 @@ int writeIndex(ContainerFile& out, const SampleIndex& index, const std::vector<I
   if (writeChunkHeader(out.get(), makeChunkHeader("META", static_cast<uint32_t>(clen) + 4)) != 0 ||
       !writeUint32(out.get(), static_cast<uint32_t>(packed.size())) ||
       !writeAllStdio(out.get(), compressed.data(), static_cast<std::size_t>(clen)))
-    return out.fail("index");
+    return out.failWrite("index");
   return 0;
 }
 
@@ -208,6 +212,31 @@ int writeFileChunk(FILE* f, const std::string& sourcePath, AudioSample& sample, 
   if (sample.filechunks.size() <= index) sample.filechunks.resize(index + 1);
   sample.filechunks[index] = chunk;
   return rc == ChunkResult::OK ? 0 : -1;
+}
+
+int appendChunkToContainer(const std::string& container, const std::string& sourcePath, CompFileChunk& out) {
+  FileHandle in(fopen(container.c_str(), "rb"));
+  if (!in) {
+    LOG(LEVEL_ERROR, "failed to open '%s': %s", container.c_str(), strerror(errno));
+    return -1;
+  }
+  ContainerFile copy(container);
+  if (!copy.open()) return -1;
+  if (copyBlocks(in.get(), copy.get(), -1) < 0) return copy.failWrite("copying the container");
+  if (ferror(in.get())) return copy.fail(strFormat("reading the container: %s", strerror(errno)));
+  AudioSource src;
+  src.path = sourcePath;
+  switch (writeChunkFrom(copy.get(), src, out, kMaxContainerSize)) {
+    case ChunkResult::OK:
+      return copy.commit();
+    case ChunkResult::SOURCE_FAILED:
+      return copy.fail("cannot read " + sourcePath);
+    case ChunkResult::CONTAINER_FAILED:
+      break;
+  }
+  if (ferror(copy.get())) return copy.failWrite("audio chunk");
+  return copy.fail(
+      strFormat("the container would grow past %llu bytes", static_cast<unsigned long long>(kMaxContainerSize)));
 }
 
 int markChunkAsDeleted(const std::string& container, CompFileChunk& chunk) {
@@ -277,7 +306,7 @@ int writeSamplesToBinary(SampleIndex& index, const std::string& path, bool strip
   LOG(LEVEL_INFO, "writing binary XSND file %sto '%s'", "", path.c_str());
   LOG(LEVEL_DEBUG, "writing %d samples.", index.samplesMap().mapSize());
   if (writeChunkHeader(out.get(), makeChunkHeader("xSND", 2)) != 0 || !writeUint16(out.get(), kXsndVersion))
-    return out.fail("header");
+    return out.failWrite("header");
 
   const bool fromContainer = index.setType() == XSNDFILE;
   std::vector<IndexEntry> entries;

@@ -41,6 +41,13 @@ int appendFile(FILE* dest, const std::string& sourcePath);
 // 0, or -1 when the source cannot be copied (the chunk is then still framed) or the
 // container would grow past kMaxContainerSize.
 int writeFileChunk(FILE* f, const std::string& sourcePath, AudioSample& sample, std::size_t index);
+// Appends one xSMP chunk holding the file at `sourcePath` to `container` without ever
+// changing the container in place: a copy beside it gets the new chunk at its end and is
+// renamed over it (temporary file, fsync, rename), so a power cut leaves the old or the
+// new container. The bytes already there keep their offsets, so records in memory stay
+// valid. The chunk's offset and size go to `out`. 0, or -1 with an ERROR line (the
+// container is then untouched and no temporary is left).
+int appendChunkToContainer(const std::string& container, const std::string& sourcePath, CompFileChunk& out);
 // Marks one audio file of `container` deleted: state word 0 on disk, DELETED in
 // memory. The index is not rewritten. 0, or -1 with "failed to open '%s'".
 int markChunkAsDeleted(const std::string& container, CompFileChunk& chunk);

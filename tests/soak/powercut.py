@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Power cut at random moments: for every file the daemon rewrites, the real daemon is
 started on a copy of the demo set, made to rewrite the file (HTTP requests for va.ini,
-mellosound.ini, the set configuration, per-sound files and sample uploads; -K and -T for
-containers and CSV tables; -R for recordings) and killed with SIGKILL at a random moment.
+mellosound.ini, the set configuration, per-sound files, sample uploads and uploads into
+a container set; -K and -T for containers and CSV tables; -R for recordings) and killed
+with SIGKILL at a random moment.
 After each kill the file must hold its old or a new complete content, never a torn one.
 Prints trials, writes and failures per file; exits 1 on any failure.
 
@@ -15,6 +16,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -26,14 +28,15 @@ import urllib.request
 READY = "start-up done, entering the main loop"
 PORT_RE = re.compile(r"started http service on port (\d+)")
 TEMPORARY_RE = re.compile(r"\.tmp[A-Za-z0-9]{6}$")
+CALIBRATION_DEADLINE = 20  # seconds for one calibration write to show in its file
 
 
 class Daemon:
     """One korvo process on a work directory; its log is collected by a reader thread."""
 
-    def __init__(self, korvo, source, work, extra):
+    def __init__(self, korvo, source, work, extra, env=None):
         env = dict(os.environ, KORVO_GPIO="sim", SDL_AUDIODRIVER="dummy",
-                   KORVO_SOUNDS_DIR=os.path.join(source, "sounds"))
+                   KORVO_SOUNDS_DIR=os.path.join(source, "sounds")) | (env or {})
         self.log = []
         self.ready = threading.Event()
         self.port = None
@@ -81,11 +84,11 @@ def free_port_pair():
     raise RuntimeError("no free port pair")
 
 
-def start_daemon(korvo, source, work, extra, attempts=5):
+def start_daemon(korvo, source, work, extra, attempts=5, env=None):
     """A daemon that is up with its web service; another port when the first was taken
     between the choice and the daemon's bind."""
     for _ in range(attempts):
-        d = Daemon(korvo, source, work, extra)
+        d = Daemon(korvo, source, work, extra, env)
         if d.wait_ready():
             return d
         d.kill()
@@ -112,6 +115,16 @@ def post_file(daemon, path, name, content):
            (f"\r\n--{boundary}\r\nContent-Disposition: form-data; name=\"endOfUpload\"\r\n\r\n1\r\n"
             f"--{boundary}--\r\n").encode()
     return http(daemon, path, body, {"Content-Type": f"multipart/form-data; boundary={boundary}"})
+
+
+def wait_until(condition, timeout):
+    """Polls `condition` until it holds or `timeout` seconds have passed; its last answer."""
+    deadline = time.time() + timeout
+    while not condition():
+        if time.time() > deadline:
+            return condition()
+        time.sleep(0.01)
+    return True
 
 
 def read(path):
@@ -162,15 +175,20 @@ class PoolKind(Kind):
                 if self.restarts_after_write:
                     d.proc.wait(10)
                 # Some writes are deferred to the sound service thread: wait for the change.
-                deadline = time.time() + 3
-                while read(self.target(work)) == before and time.time() < deadline:
-                    time.sleep(0.01)
+                if not wait_until(lambda: self.calibration_done(before, read(self.target(work))),
+                                  CALIBRATION_DEADLINE):
+                    sys.exit(f"{self.name}: calibration write {i} did not change {self.target(work)} within "
+                             f"{CALIBRATION_DEADLINE} s; log ends:\n" + "".join(d.log[-20:]))
                 self.accepted.add(read(self.target(work)))
             finally:
                 d.kill()
         return True
 
     restarts_after_write = False
+
+    def calibration_done(self, before, now):
+        """True once the calibration write's content shows in the file."""
+        return now != before
 
 
 class VaIni(PoolKind):
@@ -246,6 +264,44 @@ class SampleUpload(Kind):
         return whole
 
 
+class ContainerAppend(Kind):
+    """A sample uploaded to a container set: the container is copied with the new chunk
+    at its end and renamed over the old one. After a cut it holds its old bytes, or
+    those followed by whole appended chunks."""
+    name = "container append"
+    kill_window = 0.5
+
+    def __init__(self, korvo, source):
+        self.korvo, self.source = korvo, source
+        self.payload = bytes(random.Random(11).getrandbits(8) for _ in range(20000))
+        # xSMP chunk: name, u32 length, u16 check word (sum of the name bytes), u16 state 1
+        self.chunk = b"xSMP" + struct.pack(">IHH", 2 + len(self.payload), sum(b"xSMP"), 1) + self.payload
+
+    def prepare(self, work):
+        # The demo set converted by the daemon itself (-K), then the only set.
+        d = start_daemon(self.korvo, self.source, work, ["-K", "demo.xsnd"])
+        d.kill()
+        if read(os.path.join(work, "demo.xsnd")) is None:
+            sys.exit(f"{self.name}: the demo set was not converted; log ends:\n" + "".join(d.log[-20:]))
+        shutil.rmtree(os.path.join(work, "sets", "velt-demo"))
+        os.replace(os.path.join(work, "demo.xsnd"), self.target(work))
+        self.original = read(self.target(work))
+
+    def target(self, work):
+        return os.path.join(work, "sets", "demo.xsnd")
+
+    def write(self, d, i):
+        post_file(d, "/sounds/10/sample/add", "up.ogg", self.payload)
+
+    def complete(self, content, work):
+        whole = content is not None and content.startswith(self.original)
+        rest = content[len(self.original):] if whole else b""
+        whole = whole and rest == self.chunk * (len(rest) // len(self.chunk))
+        with open(self.target(work), "wb") as f:  # the next trial starts from the original
+            f.write(self.original)
+        return whole
+
+
 class Recording(Kind):
     name = "recording (-R)"
     http_writes = False
@@ -284,6 +340,10 @@ class Conversion(PoolKind):
 
     def write(self, d, i):
         pass  # the conversion happened during start-up
+
+    def calibration_done(self, before, now):
+        # Written before the daemon was ready, and the same bytes on every run.
+        return now is not None
 
     def complete(self, content, work):
         if content not in self.accepted:
@@ -375,7 +435,7 @@ def main():
              SoundFile("ducking", "ducking.txt", ["5", "35", "65", "95"]),
              SoundFile("serial", "serial.txt", ["PORT 1 on", "PORT 2 off", "x" * 200]),
              SoundFile("shaker", "shaker.txt", ["100,50,100", "10;20;30;40", "300"]),
-             SampleUpload(), Recording(a.source),
+             SampleUpload(), ContainerAppend(a.korvo, a.source), Recording(a.source),
              Conversion("-K", "set.xsnd", "container (-K)"), Conversion("-T", "altsound.csv", "altsound.csv (-T)")]
     if a.only:
         kinds = [k for k in kinds if a.only in k.name]

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/fileutil.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "soundsets/altsound.h"
 #include "soundsets/xsnd.h"
@@ -84,7 +86,14 @@ TEST(EditXsnd, AddAppendsAfterTheIndexAndRemoveMarksTheChunk) {
     EXPECT_EQ(s->filechunks.size(), 2u);
   }
   test::writeFile(fx.tmp / "up.ogg", test::toneOgg());
+  // The container is replaced, never changed in place: a file opened before the append
+  // (a stream that is playing) still reads the old container whole.
+  FileHandle open(fopen(path.c_str(), "rb"));
   ASSERT_EQ(addSampleToSound(*loaded, 5, (fx.tmp / "up.ogg").string(), "new.ogg"), 0);
+  fseek(open.get(), 0, SEEK_END);
+  EXPECT_EQ(ftell(open.get()), static_cast<long>(before.size()));
+  for (const auto& e : fs::directory_iterator(fx.tmp.path()))
+    EXPECT_FALSE(isOwnTemporary(e.path().filename().string())) << e.path();
   ASSERT_EQ(s->samples.size(), 3u);
   ASSERT_EQ(s->filechunks.size(), 3u);
   EXPECT_EQ(s->samples[2], "new.ogg");
