@@ -336,7 +336,9 @@ def read_only(r):
         ("container append", lambda: pc.post_file(r.d, "/sounds/10/sample/add", "up.ogg", b"z" * 5000),
          [r"sets", EROFS], "error")])
     switch_to(r, "velt-demo")
-    writes_fail_cleanly(r, EROFS, requests_for(r, EROFS))
+    writes_fail_cleanly(r, EROFS, requests_for(r, EROFS) + [
+        ("sample removal", lambda: pc.http(r.d, "/sounds/11/sample/0/remove"), [r"11-ramp/ramp\.ogg", EROFS], "error"),
+        ("move to a group", lambda: pc.http(r.d, "/sounds/10/move/voice"), [r"10-bumper", EROFS], "error")])
     r.plays_bus_command()
 
 
