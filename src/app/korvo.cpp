@@ -1,6 +1,7 @@
 #include "app/korvo.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 
 #include "bus/io_test.h"
 #include "base/fileutil.h"
@@ -187,16 +189,32 @@ void Korvo::writeConversions(int setCount) {
     LOG(LEVEL_ERROR, "writing csv to %s failed", opt_.csvFile.c_str());
 }
 
+namespace {
+
+// A read-only file system (a card mounted read-only after errors) still plays; the owner
+// learns once at start why nothing is saved, instead of only from each failed write.
+// One line for the working and the base directory when they share a file system.
+void warnIfReadOnly(const std::string& baseDir) {
+  std::error_code ec;
+  const std::filesystem::path work = std::filesystem::current_path(ec);
+  const std::filesystem::path base = std::filesystem::weakly_canonical(baseDir, ec);
+  struct stat workStat{}, baseStat{};
+  const bool sameFs = ::stat(work.c_str(), &workStat) == 0 && ::stat(base.c_str(), &baseStat) == 0 &&
+                      workStat.st_dev == baseStat.st_dev;
+  for (const std::filesystem::path& dir : {work, base}) {
+    if (access(dir.c_str(), W_OK) != 0 && errno == EROFS)
+      LOG(LEVEL_WARN, "%s is on a read-only file system: settings, uploads and edits are not saved", dir.c_str());
+    if (sameFs) break;
+  }
+}
+
+}  // namespace
+
 void Korvo::removeStaleTemporaryFiles() const {
   // Left by writes that a power cut interrupted; some are whole sound sets in size.
   removeStaleTemporaries(".");
   removeStaleTemporaries(opt_.baseDir, kSetDirectoryDepth + 1);
-  // A read-only file system (a card mounted read-only after errors) still plays; the
-  // owner learns here once why nothing is saved, instead of only from each failed write.
-  char cwd[4096];
-  for (const char* dir : {getcwd(cwd, sizeof cwd) ? cwd : ".", opt_.baseDir.c_str()})
-    if (access(dir, W_OK) != 0 && errno == EROFS)
-      LOG(LEVEL_WARN, "%s is on a read-only file system: settings, uploads and edits are not saved", dir);
+  warnIfReadOnly(opt_.baseDir);
 }
 
 int Korvo::parseCommandLine(int argc, char** argv) {
