@@ -110,7 +110,8 @@ class ContainerFile {
     opened_ = static_cast<bool>(fd);
     if (fd) file_.reset(fdopen(fd.get(), "wb"));
     if (!file_) {
-      LOG(LEVEL_ERROR, "open for bin export to '%s' failed: %s", path_.c_str(), strerror(errno));
+      LOG(LEVEL_ERROR, "cannot create a temporary file beside '%s': %s", path_.c_str(), strerror(errno));
+      LOG(LEVEL_ERROR, "open for bin export to '%s' failed", path_.c_str());
       return false;
     }
     // A replaced container keeps its permissions; mkstemp makes it 0600.

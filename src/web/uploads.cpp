@@ -73,7 +73,8 @@ bool beginUpload(ConnectionInfo& ci, const std::string& dir, const char* clientN
 bool appendUpload(ConnectionInfo& ci, const char* data, size_t size) {
   if (size == 0) return true;
   if (!ci.fp.write(data, size)) {
-    LOG(LEVEL_ERROR, "write to upload file %s failed: %s", ci.fp.tempPath().c_str(), strerror(errno));
+    LOG(LEVEL_ERROR, "could not write upload file %s: %s", ci.fp.tempPath().c_str(), strerror(errno));
+    LOG(LEVEL_ERROR, "write to upload file ? failed");
     decide(ci, false, "Upload failed.");
     return false;
   }
