@@ -197,7 +197,7 @@ class Run:
         except subprocess.TimeoutExpired:
             self.d.kill()
             raise Failure("the daemon did not stop on SIGTERM")
-        check(rc >= 0, f"the daemon died of signal {-rc}; log ends:\n" + "".join(self.d.log[-20:]))
+        check(rc == 0, f"the daemon's shutdown ended with {rc}; log ends:\n" + "".join(self.d.log[-20:]))
 
 
 def answer_of(request):
