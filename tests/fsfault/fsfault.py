@@ -389,9 +389,9 @@ def main():
     a.korvo, a.source = os.path.abspath(a.korvo), os.path.abspath(a.source)
     if os.environ.get(INSIDE) != "1":
         return enter_namespace(sys.argv[1:])
-    spec = importlib.util.spec_from_file_location("powercut", os.path.join(a.source, "tests", "soak", "powercut.py"))
-    pc = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(pc)
+    found = importlib.util.spec_from_file_location("powercut", os.path.join(a.source, "tests", "soak", "powercut.py"))
+    pc = importlib.util.module_from_spec(found)
+    found.loader.exec_module(pc)
     # /tmp is covered by the tmpfs: the scratch lives elsewhere.
     a.scratch = tempfile.mkdtemp(prefix="korvo-fsfault-", dir=os.path.abspath(a.scratch or os.getcwd()))
     started = time.time()
