@@ -90,6 +90,21 @@ def mount_tmpfs(base):
     return True
 
 
+def keep_reachable(args):
+    """The tmpfs goes over /tmp, which may hold the program, the source tree and the
+    scratch directory (a clone in /tmp). The old /tmp stays reachable under a directory
+    outside it, and those paths are moved there."""
+    under_tmp = [p for p in (args.korvo, args.source, args.scratch) if p == "/tmp" or p.startswith("/tmp/")]
+    if not under_tmp:
+        return
+    hold = tempfile.mkdtemp(prefix="korvo-fsfault-tmp-", dir="/var/tmp")
+    r = run("mount", "--rbind", "/tmp", hold)
+    check(r.returncode == 0, f"bind mount of /tmp on {hold} failed: {r.stdout}")
+    args.hold = hold
+    move = lambda p: hold + p[len("/tmp"):] if p == "/tmp" or p.startswith("/tmp/") else p
+    args.korvo, args.source, args.scratch = move(args.korvo), move(args.source), move(args.scratch)
+
+
 def remount_read_only(base):
     r = run("mount", "-o", "remount,ro", base)
     check(r.returncode == 0, f"remount,ro failed: {r.stdout}")
@@ -384,7 +399,7 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--korvo", required=True)
     ap.add_argument("--source", required=True)
-    ap.add_argument("--scratch", help="a directory outside /tmp for the capture (default: the current one)")
+    ap.add_argument("--scratch", help="where the capture and the tmpfs go (default: the current directory)")
     a = ap.parse_args()
     a.korvo, a.source = os.path.abspath(a.korvo), os.path.abspath(a.source)
     if os.environ.get(INSIDE) != "1":
@@ -392,8 +407,9 @@ def main():
     found = importlib.util.spec_from_file_location("powercut", os.path.join(a.source, "tests", "soak", "powercut.py"))
     pc = importlib.util.module_from_spec(found)
     found.loader.exec_module(pc)
-    # /tmp is covered by the tmpfs: the scratch lives elsewhere.
     a.scratch = tempfile.mkdtemp(prefix="korvo-fsfault-", dir=os.path.abspath(a.scratch or os.getcwd()))
+    scratch, a.hold = a.scratch, None
+    keep_reachable(a)
     started = time.time()
     try:
         rc = scenario(a)
@@ -403,7 +419,10 @@ def main():
     finally:
         run("umount", "/tmp")
         run("umount", os.path.join(a.scratch, "base"))
-        shutil.rmtree(a.scratch, ignore_errors=True)
+        if a.hold:
+            run("umount", "-R", a.hold)
+            os.rmdir(a.hold)
+        shutil.rmtree(scratch, ignore_errors=True)
     print(f"fsfault: {'passed' if rc == 0 else 'skipped' if rc == SKIP else 'failed'} "
           f"({time.time() - started:.0f} s)", flush=True)
     return rc
