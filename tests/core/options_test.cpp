@@ -9,6 +9,7 @@
 #include "core/options.h"
 #include "core/sysinfo.h"
 #include "platform/clock.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 using namespace korvo;
@@ -123,7 +124,7 @@ TEST(Button, DurationRangesOverlapAtThreeHundredAndLeaveAGap) {
 }
 
 TEST(MainLoop, StopDeadlineEndsTheLoopOnTheManualClock) {
-  clock::useManualClock(5'000'000);
+  test::ManualClock manual(5'000'000);
   MainLoop loop;
   loop.stopMainLoop(0, 2);
   loop.checkStopTime(millis());
@@ -141,7 +142,6 @@ TEST(MainLoop, StopDeadlineEndsTheLoopOnTheManualClock) {
   clock::advanceMillis(1);
   later.checkStopTime(millis());
   EXPECT_FALSE(later.keepRunning());
-  clock::useRealClock();
 }
 
 TEST(SysInfo, SerialFromCpuinfoOrEthernetAddress) {
