@@ -3,17 +3,15 @@
 // listener); scripts read sounds and sets and play, stop and set the volume.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "bus/bus.h"
 #include "platform/sim_gpio.h"
 #include "scripting/lua_binding.h"
 #include "sound/engine_fixture.h"
+#include "support/loopback.h"
 
 namespace korvo::test {
 namespace {
@@ -40,18 +38,12 @@ class LuaEngine : public EngineFixture {
     ASSERT_GE(master, 0);
     ASSERT_EQ(grantpt(master), 0);
     ASSERT_EQ(unlockpt(master), 0);
-    udp = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(::bind(udp, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ::getsockname(udp, reinterpret_cast<sockaddr*>(&a), &len);
+    ASSERT_GT(udp.port(), 0);
     settings.enableSerial = 1;
     settings.serialDevice = ptsname(master);
     settings.serialBaud = 57600;
     settings.sms_address = "127.0.0.1";
-    settings.sms_port = ntohs(a.sin_port);
+    settings.sms_port = udp.port();
     settings.luaEnabled = 1;
     bus = std::make_unique<Bus>(gpio, settings);
     bus->openOutputs();
@@ -61,7 +53,6 @@ class LuaEngine : public EngineFixture {
     if (engine) engine->soundShutdown();
     EngineFixture::TearDown();
     bus.reset();
-    ::close(udp);
     ::close(master);
   }
 
@@ -83,13 +74,7 @@ class LuaEngine : public EngineFixture {
     lua.setBus(bus.get());
   }
 
-  std::string datagram() {
-    char buf[1500];
-    pollfd p{udp, POLLIN, 0};
-    if (::poll(&p, 1, 10000) <= 0) return "(nothing)";
-    const ssize_t n = ::recv(udp, buf, sizeof buf, 0);
-    return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "(error)";
-  }
+  std::string datagram() { return udp.receive(); }
 
   std::vector<std::string> printed(const std::string& chunk) {
     lua.lua_reset_output();
@@ -100,7 +85,7 @@ class LuaEngine : public EngineFixture {
   SimGpio gpio;
   std::unique_ptr<Bus> bus;
   int master = -1;
-  int udp = -1;
+  UdpSocket udp;
   Configuration config{settings};
   LuaBinding lua{settings};
 };
