@@ -74,8 +74,6 @@ class LuaEngine : public EngineFixture {
     lua.setBus(bus.get());
   }
 
-  std::string datagram() { return udp.receive(); }
-
   std::vector<std::string> printed(const std::string& chunk) {
     lua.lua_reset_output();
     lua.lua_run_with_debug(chunk);
@@ -96,7 +94,7 @@ TEST_F(LuaEngine, CommandStringsRunAsLuaOrGoOutAsText) {
   // Lua on: the string is a chunk, and its send() reaches the serial line and the socket.
   engine->handleSoundByType(10);
   EXPECT_EQ(readUntil(master, "\n"), "lua 10\n");
-  EXPECT_EQ(datagram(), "lua 10");
+  EXPECT_EQ(udp.receive(), "lua 10");
   // A plain text is no Lua: an error line, nothing sent.
   engine->handleSoundByType(11);
   EXPECT_TRUE(cap.contains("lua error: "));
@@ -104,14 +102,14 @@ TEST_F(LuaEngine, CommandStringsRunAsLuaOrGoOutAsText) {
   settings.luaEnabled = 0;
   engine->handleSoundByType(11);
   EXPECT_EQ(readUntil(master, "\n"), "LED ON\n");
-  EXPECT_EQ(datagram(), "LED ON");
+  EXPECT_EQ(udp.receive(), "LED ON");
   // Lua on but no interpreter running: the same.
   settings.luaEnabled = 1;
   engine->hooks().luaRun = nullptr;
   engine->playCommand("RAW; send('x')");
   EXPECT_EQ(readUntil(master, "send('x')\n"), "RAW\nsend('x')\n");
-  EXPECT_EQ(datagram(), "RAW");
-  EXPECT_EQ(datagram(), "send('x')");
+  EXPECT_EQ(udp.receive(), "RAW");
+  EXPECT_EQ(udp.receive(), "send('x')");
 }
 
 TEST_F(LuaEngine, ScriptsReadSoundsAndDriveTheEngine) {
