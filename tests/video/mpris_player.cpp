@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/handles.h"
 #include "base/thread.h"
 
 namespace korvo::test {
@@ -29,13 +30,12 @@ DbusDaemon::DbusDaemon(const std::string& dir) {
     ::_exit(127);
   }
   ::close(fds[1]);
-  FILE* f = ::fdopen(fds[0], "r");
+  FileHandle f(::fdopen(fds[0], "r"));
   char line[512] = {0};
-  if (f && std::fgets(line, sizeof line, f)) {
+  if (f && std::fgets(line, sizeof line, f.get())) {
     line[std::strcspn(line, "\n")] = '\0';
     address_ = line;
   }
-  if (f) std::fclose(f);
 }
 
 DbusDaemon::~DbusDaemon() {
