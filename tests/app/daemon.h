@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "base/thread.h"
 
 namespace korvo::test {
 
@@ -89,7 +90,8 @@ class Daemon {
     Exit r;
     if (pid_ <= 0) return r;
     in_.reset();
-    std::thread t([&] { r.err = drain(err_.get()); });  // a chatty child never blocks on either pipe
+    // Both pipes are read at once, so a chatty child never blocks on either.
+    std::thread t = startThread("stderr", [&] { r.err = drain(err_.get()); });
     r.out = seen_ + drain(out_.get());
     t.join();
     int status = 0;
