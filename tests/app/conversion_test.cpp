@@ -3,10 +3,6 @@
 // again from the container, keeps every sound, file, gain and ducking.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -16,6 +12,7 @@
 #include "soundsets/catalogue.h"
 #include "soundsets/sample_index.h"
 #include "soundsets/xsnd.h"
+#include "daemon.h"
 #include "support/testutil.h"
 
 namespace fs = std::filesystem;
@@ -23,36 +20,14 @@ using namespace korvo;
 
 namespace {
 
-// Conversions run at start-up and the daemon then goes on as usual: wait (bounded)
-// until its log says start-up is done, then stop it in order. The log is `cwd`/korvo.out.
-int runKorvo(const std::vector<std::string>& args, const std::string& cwd) {
-  const std::string out = cwd + "/korvo.out";
-  fs::remove(out);  // the log of an earlier run must not count
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (chdir(cwd.c_str()) != 0) _exit(126);
-    if (!freopen(out.c_str(), "w", stdout)) _exit(126);
-    setenv("KORVO_GPIO", "sim", 1);
-    std::vector<std::string> copy = args;
-    std::string exe = KORVO_EXE;
-    std::vector<char*> argv{exe.data()};
-    for (auto& a : copy) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(exe.c_str(), argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  bool exited = false;
-  const bool started = test::waitUntil([&] {
-    exited = waitpid(pid, &status, WNOHANG) == pid;
-    return exited || test::readFile(out).find("start-up done") != std::string::npos;
-  });
-  EXPECT_TRUE(started) << test::readFile(out);
-  if (!exited) {
-    kill(pid, SIGTERM);
-    waitpid(pid, &status, 0);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// Conversions run at start-up and the daemon then goes on as usual: once its log says
+// start-up is done it is stopped in order. Its exit code; the log in `log`.
+int runKorvo(const std::vector<std::string>& args, const std::string& cwd, std::string* log = nullptr) {
+  test::Daemon d(args, cwd);
+  EXPECT_TRUE(d.waitForOutput("start-up done")) << d.seen();
+  const test::Exit r = d.stop();
+  if (log) *log = r.out;
+  return r.code;
 }
 
 // What a sound is, independent of where its files are stored.
@@ -84,7 +59,7 @@ std::map<unsigned, SoundFacts> factsOfContainer(const std::string& path, const t
 TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   test::TempDir work, base1, base2, scratch;
   fs::copy(test::sourceDir() / "demo", base1.path(), fs::copy_options::recursive);
-  test::writeFile(base1 / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  test::writeFile(base1 / "mellosound.ini", test::kQuietIni);
   std::string out1 = (work / "demo.xsnd").string();
   ASSERT_EQ(runKorvo({"-a", "-K", out1, base1.str()}, work.str()), 0) << "korvo -K failed";
   ASSERT_TRUE(fs::exists(out1));
@@ -111,7 +86,7 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
   // Loading the container and writing it again with stripped paths keeps every fact;
   // only the stored file names become "<id>-<n>.ogg".
   fs::copy_file(out1, base2 / "demo.xsnd");
-  test::writeFile(base2 / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  test::writeFile(base2 / "mellosound.ini", test::kQuietIni);
   std::string out2 = (work / "again.xsnd").string();
   std::string csv = (work / "export" / "altsound.csv").string();
   fs::create_directories(work / "export");
@@ -140,15 +115,15 @@ TEST(Conversion, XsndFromTheDemoSetRoundTripsAndExportsCsv) {
 // earlier run stays as it is.
 TEST(Conversion, WithoutASetNothingIsWrittenAndExistingFilesStay) {
   test::TempDir work, empty;
-  test::writeFile(empty / "mellosound.ini", "say_version=0\nsay_mode=0\nplay_boot=0\n");
+  test::writeFile(empty / "mellosound.ini", test::kQuietIni);
   const std::string xsnd = (work / "good.xsnd").string();
   const std::string csv = (work / "good.csv").string();
   test::writeFile(xsnd, "a good container");
   test::writeFile(csv, "ID,CHANNEL\n");
-  ASSERT_EQ(runKorvo({"-a", "-K", xsnd, "-T", csv, empty.str()}, work.str()), 0);
+  std::string log;
+  ASSERT_EQ(runKorvo({"-a", "-K", xsnd, "-T", csv, empty.str()}, work.str(), &log), 0);
   EXPECT_EQ(test::readFile(xsnd), "a good container");
   EXPECT_EQ(test::readFile(csv), "ID,CHANNEL\n");
-  const std::string log = test::readFile(work / "korvo.out");
   EXPECT_NE(log.find("ERROR"), std::string::npos) << log;
   EXPECT_NE(log.find("no sound set loaded: nothing to convert"), std::string::npos) << log;
 }

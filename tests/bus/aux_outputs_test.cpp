@@ -5,11 +5,8 @@
 #include <mutex>
 #include <thread>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "bus/event_service.h"
@@ -18,6 +15,7 @@
 #include "bus/socket_output.h"
 #include "platform/sim_gpio.h"
 #include "platform/sim_i2c.h"
+#include "support/loopback.h"
 #include "support/testutil.h"
 
 namespace korvo::test {
@@ -32,31 +30,6 @@ std::string readAvailable(int fd, int ms) {
     out.append(buf, static_cast<std::size_t>(n));
   return out;
 }
-
-// A UDP socket bound to an ephemeral loopback port.
-struct UdpPeer {
-  int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  int port = 0;
-  UdpPeer() {
-    sockaddr_in a = loopback(0);
-    socklen_t len = sizeof a;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
-  }
-  ~UdpPeer() { ::close(fd); }
-  static sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-  }
-  void sendTo(int toPort, const std::string& data) {
-    const sockaddr_in a = loopback(toPort);
-    ::sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof a);
-  }
-};
 
 TEST(SerialOutput, SendsLinesToATerminalAndSurvivesItsLoss) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
@@ -82,11 +55,11 @@ TEST(SerialOutput, SendsLinesToATerminalAndSurvivesItsLoss) {
 }
 
 TEST(SocketOutput, SendsOneDatagramPerCommandAndRefusesBadAddresses) {
-  UdpPeer server;
-  SocketOutput out("127.0.0.1", server.port);
+  UdpSocket server;
+  SocketOutput out("127.0.0.1", server.port());
   ASSERT_TRUE(out.open());
   EXPECT_TRUE(out.sendSocketCmd("play 12"));
-  EXPECT_EQ(readAvailable(server.fd, 2000), "play 12");
+  EXPECT_EQ(readAvailable(server.fd(), 2000), "play 12");
   LogCapture cap;
   SocketOutput unknown("no-such-host.invalid", 19999);
   EXPECT_FALSE(unknown.open());
@@ -172,7 +145,7 @@ TEST(EventService, DeliversGoodDatagramsToEveryHandlerAndDropsBadOnes) {
     throw std::runtime_error("script error");
   });
   LogCapture cap;
-  UdpPeer client;
+  UdpSocket client;
   client.sendTo(events.port(), "ball drained\r\n");
   client.sendTo(events.port(), std::string(1501, 'x'));
   client.sendTo(events.port(), std::string("bin\0ary", 7));

@@ -4,13 +4,14 @@
 
 #include "bus/bus.h"
 #include "bus_fixture.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 namespace korvo::test {
 namespace {
 
 TEST(Bus, StartUpMainLoopAndShutdown) {
-  clock::useManualClock(1'000'000);
+  test::ManualClock manual(1'000'000);
   TempDir dir;
   writeFile(dir / "in.rec", "# bus recording v1 protocol=DATAEAST\n10 0x05\n20 0x06\n");
   Settings s;
@@ -53,7 +54,6 @@ TEST(Bus, StartUpMainLoopAndShutdown) {
   }
   EXPECT_EQ(readFile(dir / "serial.out"), "hello\n");
   EXPECT_NE(readFile(dir / "out.rec").find(" 0x07\n"), std::string::npos);
-  clock::useRealClock();
 }
 
 }  // namespace

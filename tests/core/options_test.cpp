@@ -4,11 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "core/console.h"
 #include "core/mainloop.h"
 #include "core/options.h"
 #include "core/sysinfo.h"
 #include "platform/clock.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 using namespace korvo;
@@ -21,24 +23,26 @@ struct Parsed {
   std::string out, err;
 };
 
+// A stream that collects what is written to it; text() closes it.
+struct MemFile {
+  char* buf = nullptr;
+  size_t len = 0;
+  FileHandle f{open_memstream(&buf, &len)};
+  std::string text() { f.reset(); return {buf, len}; }
+  ~MemFile() { f.reset(); free(buf); }
+};
+
 Parsed parse(std::vector<std::string> args) {
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   Parsed p;
-  char *outBuf = nullptr, *errBuf = nullptr;
-  size_t outLen = 0, errLen = 0;
-  FILE* out = open_memstream(&outBuf, &outLen);
-  FILE* err = open_memstream(&errBuf, &errLen);
+  MemFile out, err;
   Settings s;
   initSettings(&s);
-  p.result = parseOptions(static_cast<int>(args.size()), argv.data(), p.opt, s, out, err);
-  fclose(out);
-  fclose(err);
-  p.out.assign(outBuf, outLen);
-  p.err.assign(errBuf, errLen);
-  free(outBuf);
-  free(errBuf);
+  p.result = parseOptions(static_cast<int>(args.size()), argv.data(), p.opt, s, out.f.get(), err.f.get());
+  p.out = out.text();
+  p.err = err.text();
   return p;
 }
 
@@ -123,7 +127,7 @@ TEST(Button, DurationRangesOverlapAtThreeHundredAndLeaveAGap) {
 }
 
 TEST(MainLoop, StopDeadlineEndsTheLoopOnTheManualClock) {
-  clock::useManualClock(5'000'000);
+  test::ManualClock manual(5'000'000);
   MainLoop loop;
   loop.stopMainLoop(0, 2);
   loop.checkStopTime(millis());
@@ -141,7 +145,6 @@ TEST(MainLoop, StopDeadlineEndsTheLoopOnTheManualClock) {
   clock::advanceMillis(1);
   later.checkStopTime(millis());
   EXPECT_FALSE(later.keepRunning());
-  clock::useRealClock();
 }
 
 TEST(SysInfo, SerialFromCpuinfoOrEthernetAddress) {

@@ -108,7 +108,7 @@ TEST_F(SettingsTest, TransientSettingsRoundTripAndFallBackWhenMissing) {
   EXPECT_EQ(t.soundSet, 4);
   EXPECT_EQ(t.audioDevice.get(), "hw:CARD=sndrpihifiberry,DEV=0");
   // Nothing but the file itself is left in the directory: no temporary files.
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+  EXPECT_EQ(test::namesIn(dir.path()), std::vector<std::string>{"va.ini"});
 }
 
 // A damaged or empty va.ini must not give a silent machine: what cannot be read keeps
@@ -208,28 +208,19 @@ TEST_F(SettingsTest, MissingMasterConfigKeepsOptions) {
   EXPECT_TRUE(cap.contains("WARN") && cap.contains("config mellosound.ini not found in"));
 }
 
-TEST_F(SettingsTest, CatalogueHasBuiltInEntriesAndTakesAtMostFifteenDspSettings) {
+TEST_F(SettingsTest, CatalogueTakesAtMostFifteenVisibleDspSettings) {
   Configuration cfg(s);
   auto& map = cfg.masterConfigMap();
-  ASSERT_EQ(map.size(), 40u);
-  EXPECT_EQ(map.front().name, "Announcements");
-  EXPECT_EQ(map.back().name, "sms_port");
-  const SettingsMap* vendor = nullptr;
-  for (auto& e : map)
-    if (e.name == "vendor") vendor = &e;
-  ASSERT_NE(vendor, nullptr);
-  EXPECT_EQ(vendor->labels[3], "DATAEAST*");
-  EXPECT_EQ(vendor->values[5], "8");
-
+  const std::size_t builtIn = map.size();
   std::vector<int> values(20, 7);
   std::vector<DspSetting> dsp;
   for (int i = 0; i < 20; ++i) dsp.push_back({(i % 4 == 0 ? "_hidden" : "dsp") + std::to_string(i), &values[i]});
   cfg.extendMasterConfigMap(dsp);
-  ASSERT_EQ(map.size(), 40u + 1u + 15u);
-  EXPECT_EQ(map[40].type, GROUP);
-  EXPECT_EQ(map[40].name, "DSP Settings");
-  for (std::size_t i = 41; i < map.size(); ++i) EXPECT_NE(map[i].name[0], '_');
-  EXPECT_EQ(map[41].name, "dsp1");
+  ASSERT_EQ(map.size(), builtIn + 1u + 15u);
+  EXPECT_EQ(map[builtIn].type, GROUP);
+  EXPECT_EQ(map[builtIn].name, "DSP Settings");
+  for (std::size_t i = builtIn + 1; i < map.size(); ++i) EXPECT_NE(map[i].name[0], '_');
+  EXPECT_EQ(map[builtIn + 1].name, "dsp1");
 
   // The DSP's settings are read from the file like the built-in ones.
   test::writeFile(dir / "mellosound.ini", "dsp1=99\n");

@@ -8,15 +8,13 @@
 #include "panel/front_panel.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
+#include "support/manual_clock.h"
 
 namespace korvo {
 namespace {
 
 class Controls : public ::testing::Test {
  protected:
-  void SetUp() override { clock::useManualClock(5000000); }
-  void TearDown() override { clock::useRealClock(); }
-
   // Plays a pattern on A/B: each character is one loop iteration, "0".."3" = A<<1|B.
   void turn(RotaryEncoder& e, const std::string& states) {
     for (char c : states) {
@@ -45,6 +43,7 @@ class Controls : public ::testing::Test {
     gpio.setInput(RotaryEncoder::kPinSwitch, HIGH);
   }
 
+  test::ManualClock manual{5000000};
   SimGpio gpio;
 };
 

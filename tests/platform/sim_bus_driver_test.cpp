@@ -6,6 +6,7 @@
 
 #include "platform/clock.h"
 #include "platform/sim_bus_driver.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 namespace korvo {
@@ -118,22 +119,19 @@ TEST(SimBusDriver, MissingAcknowledgeIsDetected) {
 }
 
 TEST(SimBusDriver, CommandGapAdvancesTheManualClock) {
-  clock::useManualClock(0);
-  {
-    SimGpio gpio;
-    SimBusWiring w;  // WPC: data on 0..7, strobe on pin 8 here, no acknowledge
-    w.dataPins = {0, 1, 2, 3, 4, 5, 6, 7};
-    w.strobePin = 8;
-    w.gapMicros = 50'000;
-    Capture capture(gpio, w, false);
-    SimBusDriver board(gpio, w);
-    EXPECT_TRUE(board.sendCommand({0x79, 0x01, 0x02}));
-    EXPECT_EQ(capture.bytes(), (std::vector<int>{0x79, 0x01, 0x02}));
-    EXPECT_EQ(board.strobeTimes(), (std::vector<unsigned long>{0, 50'000, 100'000}));
-    board.clearStrobeTimes();
-    EXPECT_TRUE(board.strobeTimes().empty());
-  }
-  clock::useRealClock();
+  test::ManualClock manual(0);  // outlives the board and its interrupt thread
+  SimGpio gpio;
+  SimBusWiring w;  // WPC: data on 0..7, strobe on pin 8 here, no acknowledge
+  w.dataPins = {0, 1, 2, 3, 4, 5, 6, 7};
+  w.strobePin = 8;
+  w.gapMicros = 50'000;
+  Capture capture(gpio, w, false);
+  SimBusDriver board(gpio, w);
+  EXPECT_TRUE(board.sendCommand({0x79, 0x01, 0x02}));
+  EXPECT_EQ(capture.bytes(), (std::vector<int>{0x79, 0x01, 0x02}));
+  EXPECT_EQ(board.strobeTimes(), (std::vector<unsigned long>{0, 50'000, 100'000}));
+  board.clearStrobeTimes();
+  EXPECT_TRUE(board.strobeTimes().empty());
 }
 
 }  // namespace

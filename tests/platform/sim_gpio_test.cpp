@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "platform/clock.h"
 #include "platform/sim_gpio.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 namespace korvo {
@@ -22,10 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 constexpr auto kWait = 10s;  // a generous real-time limit, not a timing assertion
 
-struct ManualClock {
-  explicit ManualClock(uint64_t startUs) { clock::useManualClock(startUs); }
-  ~ManualClock() { clock::useRealClock(); }
-};
+using test::ManualClock;
 
 TEST(ManualClock, MovesOnlyWhenAdvanced) {
   ManualClock manual(5'000'000);

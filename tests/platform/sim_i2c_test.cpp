@@ -4,6 +4,7 @@
 #include "platform/clock.h"
 #include "platform/mcp23017.h"
 #include "platform/sim_gpio.h"
+#include "support/manual_clock.h"
 #include "support/testutil.h"
 
 namespace korvo {
@@ -116,7 +117,7 @@ TEST(SimI2c, DisplayDecodesHorizontalWindowsIntoItsFrameBuffer) {
 }
 
 TEST(SimI2c, AdcConvertsTheInputVoltageAfterOneSamplePeriod) {
-  clock::useManualClock(1000);
+  test::ManualClock manual(1000);
   for (auto variant : {SimAds1x15::Variant::ADS1015, SimAds1x15::Variant::ADS1115}) {
     SimGpio gpio;
     gpio.addI2cDevice(SimGpio::kAdcAddress, std::make_unique<SimAds1x15>(variant));
@@ -137,7 +138,6 @@ TEST(SimI2c, AdcConvertsTheInputVoltageAfterOneSamplePeriod) {
     EXPECT_EQ(value, 0x2000) << (variant == SimAds1x15::Variant::ADS1115 ? "ADS1115" : "ADS1015");
     EXPECT_EQ(gpio.adc().conversions(), 1);
   }
-  clock::useRealClock();
 }
 
 TEST(SimI2c, DspSafeloadCopiesStagedWordsOnTheInitiateBit) {

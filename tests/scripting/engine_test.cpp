@@ -3,17 +3,15 @@
 // listener); scripts read sounds and sets and play, stop and set the volume.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "bus/bus.h"
 #include "platform/sim_gpio.h"
 #include "scripting/lua_binding.h"
 #include "sound/engine_fixture.h"
+#include "support/loopback.h"
 
 namespace korvo::test {
 namespace {
@@ -40,18 +38,12 @@ class LuaEngine : public EngineFixture {
     ASSERT_GE(master, 0);
     ASSERT_EQ(grantpt(master), 0);
     ASSERT_EQ(unlockpt(master), 0);
-    udp = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(::bind(udp, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ::getsockname(udp, reinterpret_cast<sockaddr*>(&a), &len);
+    ASSERT_GT(udp.port(), 0);
     settings.enableSerial = 1;
     settings.serialDevice = ptsname(master);
     settings.serialBaud = 57600;
     settings.sms_address = "127.0.0.1";
-    settings.sms_port = ntohs(a.sin_port);
+    settings.sms_port = udp.port();
     settings.luaEnabled = 1;
     bus = std::make_unique<Bus>(gpio, settings);
     bus->openOutputs();
@@ -61,7 +53,6 @@ class LuaEngine : public EngineFixture {
     if (engine) engine->soundShutdown();
     EngineFixture::TearDown();
     bus.reset();
-    ::close(udp);
     ::close(master);
   }
 
@@ -83,14 +74,6 @@ class LuaEngine : public EngineFixture {
     lua.setBus(bus.get());
   }
 
-  std::string datagram() {
-    char buf[1500];
-    pollfd p{udp, POLLIN, 0};
-    if (::poll(&p, 1, 10000) <= 0) return "(nothing)";
-    const ssize_t n = ::recv(udp, buf, sizeof buf, 0);
-    return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "(error)";
-  }
-
   std::vector<std::string> printed(const std::string& chunk) {
     lua.lua_reset_output();
     lua.lua_run_with_debug(chunk);
@@ -100,7 +83,7 @@ class LuaEngine : public EngineFixture {
   SimGpio gpio;
   std::unique_ptr<Bus> bus;
   int master = -1;
-  int udp = -1;
+  UdpSocket udp;
   Configuration config{settings};
   LuaBinding lua{settings};
 };
@@ -111,7 +94,7 @@ TEST_F(LuaEngine, CommandStringsRunAsLuaOrGoOutAsText) {
   // Lua on: the string is a chunk, and its send() reaches the serial line and the socket.
   engine->handleSoundByType(10);
   EXPECT_EQ(readUntil(master, "\n"), "lua 10\n");
-  EXPECT_EQ(datagram(), "lua 10");
+  EXPECT_EQ(udp.receive(), "lua 10");
   // A plain text is no Lua: an error line, nothing sent.
   engine->handleSoundByType(11);
   EXPECT_TRUE(cap.contains("lua error: "));
@@ -119,14 +102,14 @@ TEST_F(LuaEngine, CommandStringsRunAsLuaOrGoOutAsText) {
   settings.luaEnabled = 0;
   engine->handleSoundByType(11);
   EXPECT_EQ(readUntil(master, "\n"), "LED ON\n");
-  EXPECT_EQ(datagram(), "LED ON");
+  EXPECT_EQ(udp.receive(), "LED ON");
   // Lua on but no interpreter running: the same.
   settings.luaEnabled = 1;
   engine->hooks().luaRun = nullptr;
   engine->playCommand("RAW; send('x')");
   EXPECT_EQ(readUntil(master, "send('x')\n"), "RAW\nsend('x')\n");
-  EXPECT_EQ(datagram(), "RAW");
-  EXPECT_EQ(datagram(), "send('x')");
+  EXPECT_EQ(udp.receive(), "RAW");
+  EXPECT_EQ(udp.receive(), "send('x')");
 }
 
 TEST_F(LuaEngine, ScriptsReadSoundsAndDriveTheEngine) {

@@ -2,11 +2,6 @@
 // limit, the event handler over real UDP datagrams, and use from three threads.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <thread>
 
@@ -15,6 +10,7 @@
 #include "core/options.h"
 #include "core/settings.h"
 #include "scripting/lua_binding.h"
+#include "support/loopback.h"
 #include "support/testutil.h"
 
 namespace korvo::test {
@@ -38,15 +34,7 @@ class Lua : public ::testing::Test {
   LuaBinding lua{settings};
 };
 
-void sendDatagram(int port, const std::string& text) {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&a), sizeof a);
-  ::close(fd);
-}
+void sendDatagram(int port, const std::string& text) { UdpSocket().sendTo(port, text); }
 
 TEST_F(Lua, PrintWritesLinesIntoTheBufferAndTheLog) {
   LogCapture cap;

@@ -24,6 +24,7 @@
 #include "platform/clock.h"
 #include "sound/protocol_handlers.h"
 #include "sound/sdl_sound.h"
+#include "support/engine_setup.h"
 #include "support/testutil.h"
 #include "support/wav.h"
 
@@ -78,10 +79,7 @@ inline void useDiskAudio(const std::string& file, const char* delay = "0") {
 class EngineFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    initSettings(&settings);
-    settings.playBoot = 0;
-    settings.sayPreload = 0;
-    settings.volume = 100;
+    initQuietSettings();
     base = dir.path() / "sets";
     std::filesystem::create_directories(base);
   }
@@ -109,10 +107,7 @@ class EngineFixture : public ::testing::Test {
   void openEngine(const std::string& file = "", const char* delay = "0") {
     rawPath = file.empty() ? (dir.path() / "out.raw").string() : file;
     useDiskAudio(rawPath, delay);
-    engine = std::make_unique<SoundEngine>();
-    engine->setSoundsDir((sourceDir() / "sounds").string());
-    engine->setTransientSettingsFile((dir.path() / "va.ini").string());
-    engine->setAnnounceSoundSet(false);
+    engine = newTestEngine(dir.path());
     engine->setOnsetObserver(&OnsetLog::observe, &onsets);
     ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
   }

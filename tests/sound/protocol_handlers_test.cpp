@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "engine_fixture.h"
+#include "support/manual_clock.h"
 
 namespace korvo::test {
 namespace {
@@ -11,7 +12,7 @@ using Cmd = std::array<uint8_t, 4>;
 
 // Each command is handed over as the capture does: the bytes and the assembled value.
 TEST(ProtocolHandlers, VolumeCommandsStopsAndOrdinaryCommands) {
-  clock::useManualClock(10'000'000);
+  test::ManualClock manual(10'000'000);
   struct Case {
     int protocol;
     std::vector<Cmd> cmds;
@@ -48,7 +49,6 @@ TEST(ProtocolHandlers, VolumeCommandsStopsAndOrdinaryCommands) {
       EXPECT_EQ(h.currentWsVolume(), 20);
     }
   }
-  clock::useRealClock();
 }
 
 TEST(ProtocolHandlers, ControlIdsAreSuppressedOnlyForWpcBoards) {

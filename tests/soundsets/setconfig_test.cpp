@@ -121,9 +121,7 @@ TEST(SetConfig, UpdateConfigCreatesAppendsAndReplaces) {
   updateConfig(tmp.str(), "config.ini", "b", 4);
   EXPECT_EQ(readFile(tmp / "config.ini"), "a=1\r\nb=4\nc=3\n");
   // Only the configuration file is ever in the directory: no temporary is left behind.
-  int files = 0;
-  for ([[maybe_unused]] auto& e : fs::directory_iterator(tmp.path())) ++files;
-  EXPECT_EQ(files, 1);
+  EXPECT_EQ(test::namesIn(tmp.path()), std::vector<std::string>{"config.ini"});
 }
 
 TEST(SetConfig, PerSoundEditsOfPinsoundSets) {

@@ -4,31 +4,16 @@
 
 #include <filesystem>
 
-#include "base/handles.h"
 #include "base/log.h"
 #include "support/testutil.h"
+#include "support/zip_builder.h"
 
 namespace korvo {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Writes an archive with the given entries (name -> content). Names go in as they
-// are, hostile ones included.
-void makeZip(const std::string& path, const std::vector<std::pair<std::string, std::string>>& entries) {
-  int err = 0;
-  ZipHandle archive(zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err));
-  zip_t* za = archive.get();
-  ASSERT_TRUE(za);
-  for (const auto& [name, content] : entries) {
-    void* copy = malloc(content.size() + 1);  // libzip reads it at close, then frees it
-    memcpy(copy, content.data(), content.size());
-    zip_source_t* src = zip_source_buffer(za, copy, content.size(), 1);
-    ASSERT_GE(zip_file_add(za, name.c_str(), src, ZIP_FL_ENC_RAW), 0) << name;
-  }
-  ASSERT_EQ(zip_close(za), 0);
-  archive.release();  // closed
-}
+using test::makeZip;
 
 std::vector<std::string> treeOf(const fs::path& root) {
   std::vector<std::string> out;

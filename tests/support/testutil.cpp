@@ -1,5 +1,6 @@
 #include "support/testutil.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -41,6 +42,14 @@ void writeFile(const std::filesystem::path& p, const std::string& content) {
   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
   std::ofstream out(p, std::ios::binary | std::ios::trunc);
   out << content;
+}
+
+std::vector<std::string> namesIn(const std::filesystem::path& d) {
+  std::vector<std::string> out;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(d, ec)) out.push_back(e.path().filename().string());
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 std::filesystem::path sourceDir() {

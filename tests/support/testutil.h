@@ -39,6 +39,8 @@ bool waitFor(F cond, int maxMs = 10000) {
 
 std::string readFile(const std::filesystem::path& p);
 void writeFile(const std::filesystem::path& p, const std::string& content);
+// The names in directory `d` (not recursive), sorted; empty when it cannot be read.
+std::vector<std::string> namesIn(const std::filesystem::path& d);
 // The repository's source tree (tests read html/, sounds/, demo/ from it).
 std::filesystem::path sourceDir();
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/handles.h"
 #include "base/thread.h"
 
 namespace korvo::test {
@@ -29,13 +30,12 @@ DbusDaemon::DbusDaemon(const std::string& dir) {
     ::_exit(127);
   }
   ::close(fds[1]);
-  FILE* f = ::fdopen(fds[0], "r");
+  FileHandle f(::fdopen(fds[0], "r"));
   char line[512] = {0};
-  if (f && std::fgets(line, sizeof line, f)) {
+  if (f && std::fgets(line, sizeof line, f.get())) {
     line[std::strcspn(line, "\n")] = '\0';
     address_ = line;
   }
-  if (f) std::fclose(f);
 }
 
 DbusDaemon::~DbusDaemon() {
@@ -100,14 +100,10 @@ std::string describeArgs(DBusMessage* msg) {
       const char* s = nullptr;
       dbus_message_iter_get_basic(&it, &s);
       out += std::string(t == DBUS_TYPE_STRING ? "string:" : "objpath:") + s;
-    } else if (t == DBUS_TYPE_INT32) {
-      dbus_int32_t v = 0;
+    } else if (t == DBUS_TYPE_INT32 || t == DBUS_TYPE_INT64) {
+      DBusBasicValue v{};
       dbus_message_iter_get_basic(&it, &v);
-      out += "int32:" + std::to_string(v);
-    } else if (t == DBUS_TYPE_INT64) {
-      dbus_int64_t v = 0;
-      dbus_message_iter_get_basic(&it, &v);
-      out += "int64:" + std::to_string(v);
+      out += t == DBUS_TYPE_INT32 ? "int32:" + std::to_string(v.i32) : "int64:" + std::to_string(v.i64);
     } else {
       out += std::string(1, static_cast<char>(t));
     }
@@ -130,26 +126,20 @@ void MprisPlayer::answer(DBusMessage* msg) {
   DBusMessage* reply = dbus_message_new_method_return(msg);
   DBusMessageIter it, inner;
   dbus_message_iter_init_append(reply, &it);
-  const bool isGet = method == "Get";
-  if (isGet && args.find("PlaybackStatus") != std::string::npos) {
-    const char* s = status.c_str();
-    if (variant_) {
-      dbus_message_iter_open_container(&it, DBUS_TYPE_VARIANT, "s", &inner);
-      dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &s);
-      dbus_message_iter_close_container(&it, &inner);
-    } else {
-      dbus_message_iter_append_basic(&it, DBUS_TYPE_STRING, &s);
+  // The omx player answers a property with the plain value, the standard way is a variant.
+  auto append = [&](int type, const char* signature, const void* value) {
+    if (!variant_) {
+      dbus_message_iter_append_basic(&it, type, value);
+      return;
     }
-  } else if (isGet && args.find("Position") != std::string::npos) {
-    const dbus_int64_t p = position_;
-    if (variant_) {
-      dbus_message_iter_open_container(&it, DBUS_TYPE_VARIANT, "x", &inner);
-      dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT64, &p);
-      dbus_message_iter_close_container(&it, &inner);
-    } else {
-      dbus_message_iter_append_basic(&it, DBUS_TYPE_INT64, &p);
-    }
-  }
+    dbus_message_iter_open_container(&it, DBUS_TYPE_VARIANT, signature, &inner);
+    dbus_message_iter_append_basic(&inner, type, value);
+    dbus_message_iter_close_container(&it, &inner);
+  };
+  const char* s = status.c_str();
+  const dbus_int64_t p = position_;
+  if (method == "Get" && args.find("PlaybackStatus") != std::string::npos) append(DBUS_TYPE_STRING, "s", &s);
+  if (method == "Get" && args.find("Position") != std::string::npos) append(DBUS_TYPE_INT64, "x", &p);
   dbus_connection_send(conn_, reply, nullptr);
   dbus_connection_flush(conn_);
   dbus_message_unref(reply);

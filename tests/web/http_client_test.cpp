@@ -45,9 +45,7 @@ class HttpClientTest : public ::testing::Test {
     return http_client(server.url(path), target().string());
   }
   std::filesystem::path target() const { return dir / "out.bin"; }
-  bool onlyTargetLeft() const {
-    return std::distance(std::filesystem::directory_iterator(dir.path()), {}) == 1;
-  }
+  bool onlyTargetLeft() const { return namesIn(dir.path()) == std::vector<std::string>{"out.bin"}; }
   TempDir dir;
 };
 

@@ -1,11 +1,10 @@
 // Hostile requests: no path leaves the web root, the password guards every route but
 // the static UI, and a stalled client does not hold the one HTTP thread.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <filesystem>
 
+#include "support/loopback.h"
 #include "web/responses.h"
 #include "web/safe_path.h"
 #include "web_fixture.h"
@@ -78,17 +77,6 @@ TEST_F(Security, PasswordGuardsTheApiButNotTheUi) {
   EXPECT_FALSE(log.contains("s3cret"));
 }
 
-// A raw TCP connection to the service.
-Fd connectTo(int port) {
-  Fd fd(socket(AF_INET, SOCK_STREAM, 0));
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) fd.reset();
-  return fd;
-}
-
 TEST_F(Security, StalledClientsDoNotHoldTheThread) {
   start();
   // Half a request line, a request without its body, and a connection that says nothing.
@@ -96,7 +84,7 @@ TEST_F(Security, StalledClientsDoNotHoldTheThread) {
   for (const char* part : {"GET /vers", "POST /config HTTP/1.1\r\nHost: x\r\nContent-Length: 100000\r\n"
                                         "Content-Type: application/x-www-form-urlencoded\r\n\r\nlog_",
                            ""}) {
-    Fd fd = connectTo(http->boundPort());
+    Fd fd = test::connectTcp(http->boundPort());
     ASSERT_TRUE(fd);
     ASSERT_EQ(send(fd.get(), part, strlen(part), 0), static_cast<ssize_t>(strlen(part)));
     stalled.push_back(std::move(fd));
@@ -104,7 +92,7 @@ TEST_F(Security, StalledClientsDoNotHoldTheThread) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(get("/volume").status, 200);
   // More connections than one address may hold are turned away; the others go on.
   std::vector<Fd> many;
-  for (unsigned i = 0; i < HttpService::kPerIpConnectionLimit + 4; ++i) many.push_back(connectTo(http->boundPort()));
+  for (unsigned i = 0; i < HttpService::kPerIpConnectionLimit + 4; ++i) many.push_back(test::connectTcp(http->boundPort()));
   many.clear();
   stalled.clear();
   EXPECT_TRUE(test::waitFor([&] { return get("/volume").status == 200; }));

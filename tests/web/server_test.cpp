@@ -4,7 +4,6 @@
 #include "web_fixture.h"
 
 #include "web/responses.h"
-#include "web/routes.h"
 
 namespace korvo {
 namespace {
@@ -134,24 +133,6 @@ TEST(Responses, HelpersKeepTheirTexts) {
   EXPECT_TRUE(log.contains("'/sounds/13' matches '^/sounds/[0-9]+$'->0 (cached)"));
   EXPECT_FALSE(matches("x", "(["));
   EXPECT_TRUE(log.contains("bad regex: (["));
-}
-
-TEST(Routes, TableKeepsItsRowsAndKinds) {
-  auto rows = reqMappings();
-  ASSERT_EQ(rows.size(), 60u);
-  EXPECT_STREQ(rows[0].urlPattern, "^/$");
-  EXPECT_STREQ(rows[38].urlPattern, "^/hostname");
-  EXPECT_STREQ(rows[44].urlPattern, "^/firmware/auto$");
-  EXPECT_STREQ(rows[45].urlPattern, "^/display$");
-  EXPECT_STREQ(rows[46].urlPattern, "^/sounds/playing$");
-  EXPECT_STREQ(rows[47].urlPattern, "^/soundsets/.+/altsound\\.zip$");
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ(rows[i].type, i < 48 ? SIMPLE : POSTCB) << i;
-    EXPECT_EQ(rows[i].connType == GET_REQ, i < 48) << i;
-  }
-  EXPECT_EQ(rows[49].connType, UPLOAD_REC_POST);
-  EXPECT_EQ(rows[59].connType, UPDATE_TYPE_POST);
-  EXPECT_STREQ(connectionTypeNames[SOUNDSET_UPLOAD_POST], "SOUNDSET_UPLOAD_POST");
 }
 
 }  // namespace

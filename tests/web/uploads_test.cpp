@@ -2,13 +2,10 @@
 // xsnd), samples, recordings, the configuration form and the single-field sound
 // updates; refused, broken and dropped uploads leave nothing behind.
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-
-#include <set>
 
 #include "soundsets/xsnd.h"
+#include "support/loopback.h"
 #include "tools/upload_client.h"
 #include "web/connection_info.h"
 #include "web/uploads.h"
@@ -34,11 +31,6 @@ class UploadsTest : public WebFixture {
   std::string postFields(const std::string& path, const std::string& body) {
     return client->send({"POST", path, body, {"Content-Type: application/x-www-form-urlencoded"}}).body;
   }
-  std::set<std::string> names(const fs::path& d) {
-    std::set<std::string> out;
-    for (const auto& e : fs::directory_iterator(d)) out.insert(e.path().filename().string());
-    return out;
-  }
   int setCount() {
     auto lock = engine->lock();
     return engine->catalogue().maxSoundSets;
@@ -49,12 +41,8 @@ class UploadsTest : public WebFixture {
   }
   // A raw connection that sends a POST head and the start of a file part, and stays.
   Fd startRawUpload(const std::string& path, unsigned long long claimedLength, std::size_t sendBytes) {
-    Fd s(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(http->boundPort()));
-    EXPECT_EQ(connect(s.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    Fd s = connectTcp(http->boundPort());
+    EXPECT_TRUE(s);
     std::string msg = "POST " + path + " HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=BND\r\n" +
                       "Content-Length: " + std::to_string(claimedLength) + "\r\n\r\n" +
                       "--BND\r\nContent-Disposition: form-data; name=\"file\"; filename=\"big.zip\"\r\n" +
@@ -76,12 +64,12 @@ TEST_F(UploadsTest, ZipSetsAreUnpackedAndJoinTheCatalogue) {
   // Without a file name the archive is "1.zip"; it is unpacked and not kept.
   const auto four = makeZip(dir.path() / "four.zip", {{"four/music/2-b/b.wav", wav}});
   EXPECT_EQ(post("/soundsets", fileForm(four, std::nullopt)).body, postOk("Soundset added."));
-  EXPECT_EQ(names(base), (std::set<std::string>{"one", "two", "three", "four"}));
+  EXPECT_EQ(namesIn(base), (std::vector<std::string>{"four", "one", "three", "two"}));
   EXPECT_EQ(setCount(), 4);
 }
 
 TEST_F(UploadsTest, RefusedSetUploadsLeaveNothingBehind) {
-  const auto before = names(base);
+  const auto before = namesIn(base);
   const auto good = makeZip(dir.path() / "g.zip", {{"five/music/1-a/a.wav", wav}});
   const auto slip = makeZip(dir.path() / "s.zip", {{"five/music/1-a/a.wav", wav}, {"../evil.wav", wav}});
   const auto clash = makeZip(dir.path() / "c.zip", {{"one/music/9-x/x.wav", wav}});
@@ -98,7 +86,7 @@ TEST_F(UploadsTest, RefusedSetUploadsLeaveNothingBehind) {
   };
   for (const auto& [form, answer] : cases) {
     EXPECT_EQ(post("/soundsets", form).body, postErr(answer)) << answer;
-    EXPECT_EQ(names(base), before) << answer;
+    EXPECT_EQ(namesIn(base), before) << answer;
   }
   EXPECT_FALSE(fs::exists(dir.path() / "evil.wav"));
   EXPECT_TRUE(fs::exists(base / "one/music/1-theme/theme.wav"));
@@ -198,7 +186,7 @@ TEST_F(UploadsTest, DroppedUploadIsRemoved) {
   ASSERT_TRUE(waitFor([&] { return !hiddenEntries(base).empty(); }));
   conn.reset();
   ASSERT_TRUE(waitFor([&] { return hiddenEntries(base).empty(); }));
-  EXPECT_EQ(names(base), (std::set<std::string>{"one", "two"}));
+  EXPECT_EQ(namesIn(base), (std::vector<std::string>{"one", "two"}));
 }
 
 TEST_F(UploadsTest, UploadLargerThanTheFreeSpaceIsRefusedBeforeWriting) {

@@ -21,6 +21,7 @@
 #include "core/settings.h"
 #include "platform/sim_gpio.h"
 #include "sound/sdl_sound.h"
+#include "support/engine_setup.h"
 #include "support/testutil.h"
 #include "support/wav.h"
 #include "web/httpservice.h"
@@ -123,19 +124,13 @@ class WebFixture : public ::testing::Test {
 
   void SetUp() override {
     setLogLevel(LEVEL_WARN);  // a flood at DEBUG would bury the test output
-    initSettings(&settings);
-    settings.playBoot = 0;
-    settings.sayPreload = 0;
-    settings.volume = 100;
+    initQuietSettings();
     settings.enableI2S = 0;
     base = dir.path() / "sets";
     makeSet("one");
     makeSet("two");
     makeWebRoot();
-    engine = std::make_unique<SoundEngine>();
-    engine->setSoundsDir((sourceDir() / "sounds").string());
-    engine->setTransientSettingsFile((dir.path() / "va.ini").string());
-    engine->setAnnounceSoundSet(false);
+    engine = newTestEngine(dir.path());
     ASSERT_EQ(0, engine->soundInit(settings.volume, base.c_str(), 2, 44100));
     ASSERT_EQ(2, engine->startSoundSets(base.string()));
     engine->startSoundServiceThread();

@@ -1,9 +1,8 @@
 // Helpers of the upload tests: multipart form POSTs through libcurl (as the web UI
-// sends them), zip archives built with libzip, and a look for upload leftovers.
+// sends them), zip archives, and a look for upload leftovers.
 #pragma once
 
 #include <curl/curl.h>
-#include <zip.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "base/handles.h"
+#include "support/zip_builder.h"
 
 namespace korvo::test {
 
@@ -63,27 +63,6 @@ inline std::vector<FormPart> fileForm(const std::string& content, std::optional<
 // {  "result" ... } with one blank after the brace, as POST answers are written.
 inline std::string postOk(const std::string& m) { return "{ \"result\": \"success\", \"message\": \"" + m + "\" }"; }
 inline std::string postErr(const std::string& m) { return "{ \"result\": \"error\", \"message\": \"" + m + "\" }"; }
-
-// A zip with these entries, names taken as they are (hostile ones included).
-inline std::string makeZip(const std::filesystem::path& path,
-                           const std::vector<std::pair<std::string, std::string>>& entries) {
-  int err = 0;
-  ZipHandle za(zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err));
-  for (const auto& [name, content] : entries) {
-    if (name.ends_with("/")) {
-      zip_dir_add(za.get(), name.c_str(), ZIP_FL_ENC_RAW);
-      continue;
-    }
-    zip_source_t* src = zip_source_buffer(za.get(), content.data(), content.size(), 0);
-    if (zip_file_add(za.get(), name.c_str(), src, ZIP_FL_ENC_RAW) < 0) zip_source_free(src);
-  }
-  zip_close(za.release());  // writes the archive; the buffers are read here
-  std::string bytes;
-  FileHandle f(fopen(path.c_str(), "rb"));
-  char buf[65536];
-  for (std::size_t n; f && (n = fread(buf, 1, sizeof buf, f.get())) > 0;) bytes.append(buf, n);
-  return bytes;
-}
 
 // Names in `dir` (not recursive) that begin with "." (upload temporaries, staging).
 inline std::vector<std::string> hiddenEntries(const std::filesystem::path& dir) {
