@@ -46,9 +46,11 @@ export function Waveform({ soundId, index, name }) {
     w.pause();
     const start = performance.now();
     const duration = w.getDuration();
+    // Drawn straight on the waveform: seeking the browser's own media element instead
+    // would let its time updates (still 0 while a seek is pending) pull the cursor back.
     const step = () => {
-      const t = (performance.now() - start) / 1000;
-      w.setTime(Math.min(t, duration));
+      const t = Math.min((performance.now() - start) / 1000, duration);
+      w.getRenderer().renderProgress(duration > 0 ? t / duration : 0, false);
       if (t < duration) frame.current = requestAnimationFrame(step);
     };
     step();
