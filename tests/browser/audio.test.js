@@ -1,23 +1,18 @@
 // What a click does to the sound: play puts the sample's tone into the daemon's audio
 // capture, and the volume slider changes the captured level.
 "use strict";
-const { test, before, after } = require("node:test");
+const { test } = require("node:test");
 const assert = require("node:assert/strict");
 const t = require("./support.js");
 
 let daemon;
-let browser;
 let page;
-
-before(async () => {
-  daemon = await t.startDaemon();
-  browser = await t.startBrowser();
+t.shareRig(async (d, browser) => {
+  daemon = d;
   page = await t.openPage(browser, daemon, "#/sounds");
   await page.waitForSelector(`button[aria-label="Play ${t.TONE_ID} test_tone"]`);
   await t.waitForSilence(daemon);
 });
-
-after(() => t.closeAll(browser, daemon));
 
 // Sets the master volume with the status page's slider, as a drag ends (change event).
 async function setVolume(value) {

@@ -1,7 +1,7 @@
 // Managing the device from the page: a sound set upload with its progress, an edit that
 // reaches the file on disk, and refusals shown with the API's own message.
 "use strict";
-const { test, before, after } = require("node:test");
+const { test } = require("node:test");
 const assert = require("node:assert/strict");
 const fs = require("fs");
 const path = require("path");
@@ -9,13 +9,10 @@ const t = require("./support.js");
 
 let daemon;
 let browser;
-
-before(async () => {
-  daemon = await t.startDaemon();
-  browser = await t.startBrowser();
+t.shareRig((d, b) => {
+  daemon = d;
+  browser = b;
 });
-
-after(() => t.closeAll(browser, daemon));
 
 test("a sound set upload shows its progress and the new set joins the list", async () => {
   const zip = path.join(daemon.root, "uploaded.zip");
@@ -44,9 +41,7 @@ test("saving a sound's gain rewrites its file on disk", async () => {
   assert.ok(!fs.existsSync(gainFile), "the demo's bumper has the neutral gain");
   const page = await t.openPage(browser, daemon, "#/sounds/10");
   await t.viewLoaded(page);
-  const gain = await page.waitForSelector("#f-gain");
-  await gain.click({ clickCount: 3 });
-  await gain.type("80");
+  await t.typeOver(page, "#f-gain", "80");
   await t.clickText(page, "Save changes");
   await page.waitForSelector(".sound-form ::-p-text(gain updated)");
   assert.equal(fs.readFileSync(gainFile, "utf8").trim(), "24"); // 0..30 in the set's files
@@ -57,17 +52,13 @@ test("saving a sound's gain rewrites its file on disk", async () => {
 test("a refused request shows the API's message", async () => {
   const page = await t.openPage(browser, daemon, "#/sounds/11");
   await t.viewLoaded(page);
-  const name = await page.waitForSelector("#f-name");
-  await name.click({ clickCount: 3 });
-  await name.type("ramp left");
+  await t.typeOver(page, "#f-name", "ramp left");
   await t.clickText(page, "Save changes");
   await page.waitForSelector(".sound-form [role=alert] ::-p-text(name update not supported)");
 
   await page.goto(`${daemon.url}/#/network`);
   await t.viewLoaded(page);
-  const host = await page.waitForSelector("#hostname");
-  await host.click({ clickCount: 3 });
-  await host.type("my.box");
+  await t.typeOver(page, "#hostname", "my.box");
   await t.clickText(page, "Set host name");
   await page.waitForSelector("[role=alert] ::-p-text(Hostname not valid. Please retry.)");
 

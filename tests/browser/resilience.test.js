@@ -1,7 +1,7 @@
 // A device that goes away, mid-request or mid-upload, or restarts after its settings were
 // saved: the page says so, shows nothing stale as current, and recovers by itself.
 "use strict";
-const { test, before, after } = require("node:test");
+const { test } = require("node:test");
 const assert = require("node:assert/strict");
 const fs = require("fs");
 const path = require("path");
@@ -9,13 +9,10 @@ const t = require("./support.js");
 
 let daemon;
 let browser;
-
-before(async () => {
-  daemon = await t.startDaemon();
-  browser = await t.startBrowser();
+t.shareRig((d, b) => {
+  daemon = d;
+  browser = b;
 });
-
-after(() => t.closeAll(browser, daemon));
 
 const banner = (page, text) => page.waitForSelector(`.banner ::-p-text(${text})`);
 const bannerGone = (page) => page.waitForFunction(() => !document.querySelector(".banner"), { timeout: 30000 });
@@ -57,9 +54,7 @@ test("an upload cut off by the device going away says so and stores nothing", as
 test("saved settings restart the device; the page waits for it and shows the stored values", async () => {
   const page = await t.openPage(browser, daemon, "#/config");
   await t.viewLoaded(page);
-  const field = await page.waitForSelector("#cfg-attract_timeout");
-  await field.click({ clickCount: 3 });
-  await field.type("45000");
+  await t.typeOver(page, "#cfg-attract_timeout", "45000");
   const starts = daemon.starts;
   const from = daemon.log.length;
   await t.clickText(page, "Save and restart");

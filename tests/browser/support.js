@@ -344,6 +344,28 @@ async function screenshot(page, name) {
   return file;
 }
 
+// One daemon and one browser for a whole test file, through node:test's before and after
+// hooks; `started(daemon, browser)` receives them (and may prepare more) once both run.
+function shareRig(started) {
+  const { before, after } = require("node:test");
+  let daemon;
+  let browser;
+  before(async () => {
+    daemon = await startDaemon();
+    browser = await startBrowser();
+    await started(daemon, browser);
+  });
+  after(() => closeAll(browser, daemon));
+}
+
+// Replaces the text of the input `selector` by `text`, as a person selecting it and typing.
+async function typeOver(page, selector, text) {
+  const field = await page.waitForSelector(selector);
+  await field.click({ clickCount: 3 });
+  await field.type(text);
+  return field;
+}
+
 async function closeAll(browser, daemon) {
   if (browser) {
     await browser.close();
@@ -367,7 +389,9 @@ module.exports = {
   rms,
   recordProgress,
   screenshot,
+  shareRig,
   throttleUploads,
+  typeOver,
   storedZip,
   seriousA11yViolations,
   viewLoaded,

@@ -2,7 +2,7 @@
 // accessibility check with no serious violation, and leaves a screenshot in the build
 // directory (tests/browser/screenshots) for a person to look at.
 "use strict";
-const { test, before, after } = require("node:test");
+const { test } = require("node:test");
 const assert = require("node:assert/strict");
 const t = require("./support.js");
 
@@ -14,13 +14,10 @@ const WIDTHS = [
 
 let daemon;
 let browser;
-
-before(async () => {
-  daemon = await t.startDaemon();
-  browser = await t.startBrowser();
+t.shareRig((d, b) => {
+  daemon = d;
+  browser = b;
 });
-
-after(() => t.closeAll(browser, daemon));
 
 for (const [size, viewport] of WIDTHS) {
   test(`every view at ${size} width loads, is accessible and fits`, async () => {

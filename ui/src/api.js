@@ -32,14 +32,19 @@ function parseAnswer(status, ok, text) {
   return body;
 }
 
-async function send(path, init) {
-  let r;
+// fetch without the browser's cache; a device that does not answer at all is reported
+// lost and the request fails with the lost message.
+async function fetchDevice(path, init) {
   try {
-    r = await fetch(path, { cache: "no-store", ...init });
+    return await fetch(path, { cache: "no-store", ...init });
   } catch {
     connection.lost();
     throw new ApiError(lostMessage);
   }
+}
+
+async function send(path, init) {
+  const r = await fetchDevice(path, init);
   const text = await r.text();
   return parseAnswer(r.status, r.ok, text);
 }
@@ -83,13 +88,7 @@ export function upload(path, files, onProgress) {
 
 // The raw bytes of a route, or null when it answers 404 (a route this build lacks).
 export async function getBytes(path) {
-  let r;
-  try {
-    r = await fetch(path, { cache: "no-store" });
-  } catch {
-    connection.lost();
-    throw new ApiError(lostMessage);
-  }
+  const r = await fetchDevice(path);
   if (r.status === 404) return null;
   if (!r.ok) throw new ApiError(errorPageText(r.status, await r.text()), r.status);
   return new Uint8Array(await r.arrayBuffer());
@@ -99,13 +98,7 @@ export async function getBytes(path) {
 // shows its message instead of being saved, then handed to the browser as a download
 // under the name the device gives it.
 export async function download(path, fallbackName) {
-  let r;
-  try {
-    r = await fetch(path, { cache: "no-store" });
-  } catch {
-    connection.lost();
-    throw new ApiError(lostMessage);
-  }
+  const r = await fetchDevice(path);
   if (!r.ok || (r.headers.get("Content-Type") || "").startsWith("application/json")) {
     parseAnswer(r.status, r.ok, await r.text());
     throw new ApiError("The device sent no file.", r.status);
